@@ -1,0 +1,85 @@
+#pragma once
+// Log streams: a tree by "/" in their names. A stream without outlets of its own writes to the
+// nearest parent that has some. Streams live for the life of the process once found.
+// All functions are safe from any thread.
+
+#include <fmt/core.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <string_view>
+
+// First member of every stream: nonzero while the stream is switched on and some outlet would get
+// its lines. Read inline, so that a call on a silent stream costs one load and a branch.
+struct krel_log_stream_t {
+  std::atomic<bool> has_output;
+  const char *name;  // "debug/fetch"
+};
+
+// The streams "error", "notice" and "debug"; never null, usable before any configuration is read
+// (then error and notice go to standard error).
+extern krel_log_stream_t *const krel_error;
+extern krel_log_stream_t *const krel_notice;
+extern krel_log_stream_t *const krel_debug;
+
+// The stream of that name, made when missing.
+krel_log_stream_t *krel_log_stream_find(const char *name);
+bool krel_log_stream_exists(const char *name);
+
+inline bool krel_log_has_material_output(const krel_log_stream_t *stream) {
+  return stream->has_output.load(std::memory_order_relaxed);
+}
+
+// printf style. `now` may be null: the time of the call is taken. A missing newline is added.
+void krel_vlog(krel_log_stream_t *stream, const struct timeval *now, const char *file, int line,
+               const char *format, va_list args) __attribute__((format(printf, 5, 0)));
+void krel_log_write_printf(krel_log_stream_t *stream, const struct timeval *now, const char *file, int line,
+                           const char *format, ...) __attribute__((format(printf, 5, 6)));
+// fmt style
+void krel_log_write_fmt(krel_log_stream_t *stream, const char *file, int line, fmt::string_view format,
+                        fmt::format_args args);
+
+// krel_log(stream, "read %d\n", n): printf style; the arguments are not evaluated on a silent stream.
+#define krel_log(stream, ...)                                                         \
+  do {                                                                                \
+    krel_log_stream_t *krel_log_s_ = (stream);                                        \
+    if (krel_log_has_material_output(krel_log_s_))                                    \
+      krel_log_write_printf(krel_log_s_, nullptr, __FILE__, __LINE__, __VA_ARGS__);   \
+  } while (0)
+
+// krel_ex_log(stream, "read {}\n", n): fmt style, checked at compile time.
+#define krel_ex_log(stream, format, ...)                                                           \
+  do {                                                                                             \
+    krel_log_stream_t *krel_log_s_ = (stream);                                                     \
+    if (krel_log_has_material_output(krel_log_s_))                                                 \
+      ::krel_log_detail::write(krel_log_s_, __FILE__, __LINE__,                                    \
+                               FMT_STRING(format) __VA_OPT__(, ) __VA_ARGS__);                     \
+  } while (0)
+
+namespace krel_log_detail {
+template <typename S, typename... Args>
+void write(krel_log_stream_t *stream, const char *file, int line, const S &format, Args &&...args) {
+  krel_log_write_fmt(stream, file, line, fmt::string_view(format), fmt::make_format_args(args...));
+}
+}  // namespace krel_log_detail
+
+// Writes go to the outlets on the calling thread (synch, the state at start) or through a queue and
+// one writer thread (asynch). Going synch first drains the queue.
+void krel_log_go_synch();
+void krel_log_go_asynch();
+// Closes and opens every file outlet again (after rotation, on SIGHUP).
+void krel_log_reopen_all();
+
+// Logs "[FATAL] " and the text on krel_error synchronously, then aborts. Text is printf style and
+// carries no "[FATAL] " of its own.
+[[noreturn]] void krel_fatal_at(const char *file, int line, const char *format, ...)
+    __attribute__((format(printf, 3, 4)));
+#define krel_fatal(...) krel_fatal_at(__FILE__, __LINE__, __VA_ARGS__)
+
+// Stays on in every build: "[FATAL] assertion (%s) at %s:%d failed\n", then abort.
+#define krel_assert(condition)                                                              \
+  do {                                                                                      \
+    if (__builtin_expect(!(condition), 0))                                                  \
+      krel_fatal("assertion (%s) at %s:%d failed\n", #condition, __FILE__, __LINE__);       \
+  } while (0)
