@@ -41,20 +41,20 @@ void krel_log_write_fmt(krel_log_stream_t *stream, const char *file, int line, f
                         fmt::format_args args);
 
 // krel_log(stream, "read %d\n", n): printf style; the arguments are not evaluated on a silent stream.
-#define krel_log(stream, ...)                                                         \
-  do {                                                                                \
-    krel_log_stream_t *krel_log_s_ = (stream);                                        \
-    if (krel_log_has_material_output(krel_log_s_))                                    \
-      krel_log_write_printf(krel_log_s_, nullptr, __FILE__, __LINE__, __VA_ARGS__);   \
+#define krel_log(stream, ...)                                                       \
+  do {                                                                              \
+    krel_log_stream_t *krel_log_s_ = (stream);                                      \
+    if (krel_log_has_material_output(krel_log_s_))                                  \
+      krel_log_write_printf(krel_log_s_, nullptr, __FILE__, __LINE__, __VA_ARGS__); \
   } while (0)
 
 // krel_ex_log(stream, "read {}\n", n): fmt style, checked at compile time.
-#define krel_ex_log(stream, format, ...)                                                           \
-  do {                                                                                             \
-    krel_log_stream_t *krel_log_s_ = (stream);                                                     \
-    if (krel_log_has_material_output(krel_log_s_))                                                 \
-      ::krel_log_detail::write(krel_log_s_, __FILE__, __LINE__,                                    \
-                               FMT_STRING(format) __VA_OPT__(, ) __VA_ARGS__);                     \
+#define krel_ex_log(stream, format, ...)                                       \
+  do {                                                                         \
+    krel_log_stream_t *krel_log_s_ = (stream);                                 \
+    if (krel_log_has_material_output(krel_log_s_))                             \
+      ::krel_log_detail::write(krel_log_s_, __FILE__, __LINE__,                \
+                               FMT_STRING(format) __VA_OPT__(, ) __VA_ARGS__); \
   } while (0)
 
 namespace krel_log_detail {
@@ -78,8 +78,8 @@ void krel_log_reopen_all();
 #define krel_fatal(...) krel_fatal_at(__FILE__, __LINE__, __VA_ARGS__)
 
 // Stays on in every build: "[FATAL] assertion (%s) at %s:%d failed\n", then abort.
-#define krel_assert(condition)                                                              \
-  do {                                                                                      \
-    if (__builtin_expect(!(condition), 0))                                                  \
-      krel_fatal("assertion (%s) at %s:%d failed\n", #condition, __FILE__, __LINE__);       \
+#define krel_assert(condition)                                                        \
+  do {                                                                                \
+    if (__builtin_expect(!(condition), 0))                                            \
+      krel_fatal("assertion (%s) at %s:%d failed\n", #condition, __FILE__, __LINE__); \
   } while (0)

@@ -39,7 +39,7 @@ using krelev_callback_t = int (*)(krelev_event_t event, int mask, void *closure,
 // configuration beats both. "jobq_NAME" = "concurrency,min,max[,gc|none][,backlog][,lifo|fifo]",
 // "concurrency" = threads of the pool "default", "loop_NAME" = threads of a further pool.
 void krelev_config(const char *key, const char *value);
-int krelev_init();               // makes pools and queues; 0 on success. Once, before anything below
+int krelev_init();                // makes pools and queues; 0 on success. Once, before anything below
 [[noreturn]] void krelev_loop();  // runs the first loop of "default" on the calling thread
 // Tests and tools: starts all loops on threads of their own and returns; stop ends and joins them
 // together with the queues. After stop krelev_init may be called again.
@@ -87,9 +87,9 @@ bool krelev_remove_timed(krelev_event_t event);
 krelev_event_t krelev_alloc_recurrent(krelev_callback_t callback, void *closure);
 
 // ---- job queues
-krelev_jobq_t *krelev_jobq_create(const char *name);                        // null if the name is taken
+krelev_jobq_t *krelev_jobq_create(const char *name);                         // null if the name is taken
 krelev_jobq_t *krelev_jobq_create_ms(const char *name, bool memory_safety);  // threads run inside epochs
-krelev_jobq_t *krelev_jobq_retrieve(const char *name);                      // null when there is none
+krelev_jobq_t *krelev_jobq_retrieve(const char *name);                       // null when there is none
 const char *krelev_jobq_name(const krelev_jobq_t *jobq);
 void krelev_jobq_set_concurrency(krelev_jobq_t *jobq, uint32_t threads);
 void krelev_jobq_set_min_max(krelev_jobq_t *jobq, uint32_t min, uint32_t max);

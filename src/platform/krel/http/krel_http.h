@@ -33,9 +33,9 @@ using krel_rest_handler_t = int (*)(krel_http_rest_closure_t *restc, int npats, 
 
 struct krel_http_rest_closure_t {
   krel_http_session_t *http_ctx;
-  void *call_closure;                  // the handler's own state
-  void (*call_closure_free)(void *);   // called when the request has ended, however it ended
-  krel_rest_handler_t fastpath;        // replaces the handler for further calls
+  void *call_closure;                 // the handler's own state
+  void (*call_closure_free)(void *);  // called when the request has ended, however it ended
+  krel_rest_handler_t fastpath;       // replaces the handler for further calls
 };
 
 // ---- rules
@@ -107,11 +107,11 @@ ssize_t krel_http_session_req_consume(krel_http_session_t *session, void *buffer
 
 // ---- response; calls return false once the client is gone. Header calls come before the first flush.
 enum krel_http_response_option_e : int {
-  KREL_HTTP_CHUNKED = 1,      // stream without a length
-  KREL_HTTP_CLOSE = 2,        // close the connection after the answer
-  KREL_HTTP_GZIP = 4,         // encode if the client accepts it; false when it does not
+  KREL_HTTP_CHUNKED = 1,  // stream without a length
+  KREL_HTTP_CLOSE = 2,    // close the connection after the answer
+  KREL_HTTP_GZIP = 4,     // encode if the client accepts it; false when it does not
   KREL_HTTP_LZ4F = 8,
-  KREL_HTTP_COMPRESS = 12,    // whichever of the two the client prefers
+  KREL_HTTP_COMPRESS = 12,  // whichever of the two the client prefers
 };
 bool krel_http_response_status_set(krel_http_session_t *session, int code, const char *reason);
 bool krel_http_response_header_set(krel_http_session_t *session, const char *name, const char *value);
