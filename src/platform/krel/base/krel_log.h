@@ -1,6 +1,10 @@
 #pragma once
 // Log streams: a tree by "/" in their names. A stream without outlets of its own writes to the
-// nearest parent that has some. Streams live for the life of the process once found.
+// nearest parent that has some, top-level ones to the default outlet (standard error at start). A
+// stream is on or off by the nearest setting up the tree; without any, "error" and "notice" are on and
+// every other is off. Streams live for the life of the process once found.
+// A line is "[2026-01-31 12:00:00.123456] [error/metrics] [thread] message", the time in UTC; control
+// characters inside the message are written \xNN, so that no message can forge a line.
 // All functions are safe from any thread.
 
 #include <fmt/core.h>
@@ -8,7 +12,10 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 // First member of every stream: nonzero while the stream is switched on and some outlet would get
 // its lines. Read inline, so that a call on a silent stream costs one load and a branch.
@@ -26,6 +33,11 @@ extern krel_log_stream_t *const krel_debug;
 // The stream of that name, made when missing.
 krel_log_stream_t *krel_log_stream_find(const char *name);
 bool krel_log_stream_exists(const char *name);
+// The stream of that name, switched on, with this descriptor as its only outlet whatever the
+// configuration says. The descriptor stays the caller's and must outlive the stream's use.
+krel_log_stream_t *krel_log_stream_new_on_fd(const char *name, int fd);
+// Switches a stream by hand; stronger than the configuration, read before or after.
+void krel_log_stream_switch(const char *name, bool on);
 
 inline bool krel_log_has_material_output(const krel_log_stream_t *stream) {
   return stream->has_output.load(std::memory_order_relaxed);
@@ -70,6 +82,23 @@ void krel_log_go_synch();
 void krel_log_go_asynch();
 // Closes and opens every file outlet again (after rotation, on SIGHUP).
 void krel_log_reopen_all();
+
+// One line of the logs' configuration. A path is "-" (standard error) or a file; an empty one sets no
+// outlet. rotate_seconds 0: never rotated; retain_seconds 0: rotated files are kept.
+struct krel_log_setting_t {
+  std::string name;
+  std::optional<bool> enabled;
+  std::string path;
+  uint64_t rotate_seconds = 0;
+  uint64_t retain_seconds = 0;
+};
+// Replaces outlets and switches of all streams. A name may come several times to have several outlets.
+// False with the reason when a file cannot be opened; the outlets before then stay in force.
+bool krel_log_configure(const std::vector<krel_log_setting_t> &settings, const std::string &default_path,
+                        std::string *error);
+// From now on this process rotates its files by their age (off at start, so that only one of several
+// processes that share a file does it): FILE becomes FILE.<unix seconds>, and older ones go.
+void krel_log_rotation(bool on);
 
 // Logs "[FATAL] " and the text on krel_error synchronously, then aborts. Text is printf style and
 // carries no "[FATAL] " of its own.
