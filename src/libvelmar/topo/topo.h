@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "libvelmar/net/peer_http.h"
-#include "util/metric_locator.h"
+#include "util/velmar_metric_locator.h"
 
 struct _xmlDoc;
 
