@@ -68,11 +68,19 @@ constexpr uint32_t NULL_BIT = 0x80000000u;
 constexpr uint32_t make_bits(uint32_t offset, uint32_t generation, bool is_null) {
   return offset | generation << 22 | (is_null ? NULL_BIT : 0);
 }
-constexpr uint32_t offset_of(uint32_t bits) { return bits & OFFSET_MASK; }
-constexpr uint32_t generation_of(uint32_t bits) { return bits >> 22 & 0x1ff; }
-constexpr bool is_null_of(uint32_t bits) { return (bits & NULL_BIT) != 0; }
+constexpr uint32_t offset_of(uint32_t bits) {
+  return bits & OFFSET_MASK;
+}
+constexpr uint32_t generation_of(uint32_t bits) {
+  return bits >> 22 & 0x1ff;
+}
+constexpr bool is_null_of(uint32_t bits) {
+  return (bits & NULL_BIT) != 0;
+}
 
-constexpr bool is_numeric_type(unsigned type) { return type >= NOM_TYPE_INT32 && type <= NOM_TYPE_DOUBLE; }
+constexpr bool is_numeric_type(unsigned type) {
+  return type >= NOM_TYPE_INT32 && type <= NOM_TYPE_DOUBLE;
+}
 constexpr bool is_histogram_type(unsigned type) {
   return type >= NOM_TYPE_HISTOGRAM && type <= NOM_TYPE_HIST_CUMUL_COMP;
 }
@@ -85,12 +93,18 @@ constexpr size_t measurement_size(unsigned type) {
 // i I l L n to 1 2 3 4 5; 0 of anything else.
 constexpr uint8_t metric_to_nom_type(char letter) {
   switch (letter) {
-    case 'i': return NOM_TYPE_INT32;
-    case 'I': return NOM_TYPE_UINT32;
-    case 'l': return NOM_TYPE_INT64;
-    case 'L': return NOM_TYPE_UINT64;
-    case 'n': return NOM_TYPE_DOUBLE;
-    default: return 0;
+    case 'i':
+      return NOM_TYPE_INT32;
+    case 'I':
+      return NOM_TYPE_UINT32;
+    case 'l':
+      return NOM_TYPE_INT64;
+    case 'L':
+      return NOM_TYPE_UINT64;
+    case 'n':
+      return NOM_TYPE_DOUBLE;
+    default:
+      return 0;
   }
 }
 // 1..5 to its letter, 6 and 7 to h, 8 and 9 to H; 0 of anything else.
@@ -145,10 +159,12 @@ inline uint8_t xor_bytes(const void *bytes, size_t length) {
   return static_cast<uint8_t>(sum);
 }
 // Of a whole record, which has at least a header.
-inline uint8_t record_checksum(const char *record, size_t length) { return xor_bytes(record + 1, length - 1); }
+inline uint8_t record_checksum(const char *record, size_t length) {
+  return xor_bytes(record + 1, length - 1);
+}
 inline bool has_right_checksum(std::string_view record) {
-  return record.size() >= HEADER_LEN && record_checksum(record.data(), record.size()) ==
-                                            static_cast<uint8_t>(record[0]);
+  return record.size() >= HEADER_LEN &&
+         record_checksum(record.data(), record.size()) == static_cast<uint8_t>(record[0]);
 }
 inline rocks_entry_header_t header_of(std::string_view record) {
   rocks_entry_header_t header;
