@@ -12,7 +12,6 @@ constexpr size_t DORN_METRIC_NAME_BUFFER = 4096;  // holds every canonical name 
 constexpr size_t DORN_METRIC_NAME_MAX = DORN_METRIC_NAME_BUFFER - 1;
 constexpr size_t DORN_TAG_MAX_CATEGORY_LEN = 126;  // encoded, without the ":"
 constexpr size_t DORN_TAG_MAX_PAIR_LEN = 1024;     // encoded category, ":" and value
-constexpr size_t DORN_MAX_TAGS = 1366;             // more cannot stand in a canonical name
 
 // Negative results of the functions below.
 enum dorn_name_error_e : int {
@@ -21,11 +20,10 @@ enum dorn_name_error_e : int {
   DORN_NAME_BAD_TAG = -3,       // a tag without ":", an empty category, a broken b"..." form
   DORN_NAME_TAG_TOO_LONG = -4,  // see the maxima above; they count for the canonical form
 };
-const char *dorn_name_error_text(ssize_t error);
 
 // Writes the canonical form of in[0, in_len) and gives its length, or a dorn_name_error_e. As with
-// snprintf a length >= out_size means that it did not fit, and out is then worthless (input over 8 KiB
-// is not looked at and gives its own length). Idempotent. in and out must not overlap.
+// snprintf a length >= out_size means that it did not fit, and out is then worthless; so it is with
+// input of 8 KiB and more, whatever it holds. Idempotent. in and out must not overlap.
 // terminate: a NUL follows, which needs room too. with_measurements false: MT blocks are left out.
 // without_tags: the tag block is checked, then left out.
 ssize_t dorn_metric_canonicalize_ex(const char *in, size_t in_len, char *out, size_t out_size, bool terminate,

@@ -26,6 +26,7 @@ struct dorn_metric_tag_search_ast_t;
 constexpr size_t DORN_TAG_SEARCH_MAX_TEXT = 1u << 20;
 constexpr size_t DORN_TAG_SEARCH_MAX_NODES = 65536;
 constexpr size_t DORN_TAG_SEARCH_MAX_DEPTH = 4096;
+constexpr size_t DORN_TAG_SEARCH_MAX_VAR = 4096;   // bytes of one variable
 constexpr size_t DORN_TAG_SEARCH_MAX_PCRES = 256;  // and of their patterns together:
 constexpr size_t DORN_TAG_SEARCH_MAX_PCRE_BYTES = 16 * 1024;
 
