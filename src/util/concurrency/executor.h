@@ -21,8 +21,6 @@
 #include "util/concurrency/queue_mgr.h"
 #include "util/concurrency/single_barrier.h"
 
-struct stats_recorder_t;
-
 namespace util::concurrency {
 
 using idle_strategy_factory_t = std::function<std::unique_ptr<idle_strategy_c>()>;
@@ -46,11 +44,11 @@ class executor_agent_c : public agent_c {
 
 class executor_c {
  public:
-  // `number_of_threads` is a power of two. With a recorder, statistics go to its namespace "executors",
-  // tagged functional-group:group_name.
+  // `number_of_threads` is a power of two. Statistics go to the node's recorder, below "executors", tagged
+  // functional-group:group_name. Threads are named "group_name/i", i from 0.
   executor_c(const std::string &group_name, uint32_t number_of_threads,
              const idle_strategy_factory_t &idle_strategy_factory = default_idle_strategy,
-             executor_queues_e queues = executor_queues_e::per_thread, stats_recorder_t *recorder = nullptr);
+             executor_queues_e queues = executor_queues_e::per_thread);
   ~executor_c();
   executor_c(const executor_c &) = delete;
   executor_c &operator=(const executor_c &) = delete;

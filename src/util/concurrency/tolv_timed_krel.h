@@ -35,13 +35,14 @@ class cb_c : public tolv_timed::cb_c {
 
 class runner_c : public tolv_timed::runner_c {
  public:
-  explicit runner_c(pthread_t owner) : m_thr_owner(owner) {}
+  explicit runner_c(int loop_index) : m_loop_index(loop_index) {}
   void schedule(tolv_timed::cb_c *cb) override;
   bool try_cancel(tolv_timed::cb_c *cb) override;
 
  private:
   static int dispatch(krelev_event_t event, int mask, void *closure, const struct timeval *now);
-  const pthread_t m_thr_owner;
+  pthread_t m_thr_owner() const { return krelev_choose_owner(m_loop_index); }  // the loop that owns its timers
+  const int m_loop_index;
 };
 
 class factory_c : public tolv_timed::factory_c {
