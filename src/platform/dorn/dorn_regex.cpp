@@ -18,12 +18,11 @@ static constexpr size_t max_translated_size = 8 * 1024;
 struct dorn_regex_t {
   mutable std::atomic<uint32_t> refs{1};
   pcre *code = nullptr;
-  pcre_extra *extra = nullptr;
   bool is_utf8 = false;
-  bool has_jit = false;
+  mutable std::atomic<pcre_extra *> extra{nullptr};  // machine code and limits, made by the first match
 
   ~dorn_regex_t() {
-    if (extra) pcre_free_study(extra);
+    if (pcre_extra *made = extra.load(std::memory_order_acquire)) pcre_free_study(made);
     if (code) pcre_free(code);
   }
 };
@@ -46,19 +45,27 @@ bool has_single_byte_escape(std::string_view pattern) {
   return false;
 }
 
-void set_limits(dorn_regex_t *regex) {
+// Null when memory is short.
+pcre_extra *study(const pcre *code) {
   size_t size = 0;
-  pcre_fullinfo(regex->code, nullptr, PCRE_INFO_SIZE, &size);
+  pcre_fullinfo(code, nullptr, PCRE_INFO_SIZE, &size);
   const int jit = size <= max_translated_size ? PCRE_STUDY_JIT_COMPILE : 0;
   const char *error = nullptr;
-  regex->extra = pcre_study(regex->code, PCRE_STUDY_EXTRA_NEEDED | jit, &error);
-  if (!regex->extra) return;
-  regex->extra->flags |= PCRE_EXTRA_MATCH_LIMIT | PCRE_EXTRA_MATCH_LIMIT_RECURSION;
-  regex->extra->match_limit = match_limit;
-  regex->extra->match_limit_recursion = match_limit_recursion;
-  int has_jit = 0;
-  pcre_fullinfo(regex->code, regex->extra, PCRE_INFO_JIT, &has_jit);
-  regex->has_jit = has_jit != 0;
+  pcre_extra *extra = pcre_study(code, PCRE_STUDY_EXTRA_NEEDED | jit, &error);
+  if (!extra) return nullptr;
+  extra->flags |= PCRE_EXTRA_MATCH_LIMIT | PCRE_EXTRA_MATCH_LIMIT_RECURSION;
+  extra->match_limit = match_limit;
+  extra->match_limit_recursion = match_limit_recursion;
+  return extra;
+}
+
+const pcre_extra *extra_of(const dorn_regex_t *regex) {
+  pcre_extra *extra = regex->extra.load(std::memory_order_acquire);
+  if (extra) return extra;
+  pcre_extra *made = study(regex->code);
+  if (!made || regex->extra.compare_exchange_strong(extra, made, std::memory_order_acq_rel)) return made;
+  pcre_free_study(made);  // another thread was first
+  return extra;
 }
 
 }  // namespace
@@ -73,12 +80,6 @@ const dorn_regex_t *dorn_regex_compile(const std::string &pattern) {
   result->code =
       pcre_compile(pattern.c_str(), result->is_utf8 ? PCRE_UTF8 | PCRE_NO_UTF8_CHECK : PCRE_NEVER_UTF, &error,
                    &error_offset, nullptr);
-  if (!result->code) return result.release();
-  set_limits(result.get());
-  if (!result->extra) {  // without limits it must not run
-    pcre_free(result->code);
-    result->code = nullptr;
-  }
   return result.release();
 }
 
@@ -97,13 +98,15 @@ void dorn_regex_deref(const dorn_regex_t *regex) {
 
 bool dorn_regex_match(const dorn_regex_t *regex, std::string_view text) {
   if (!regex->code || (regex->is_utf8 && !dorn_is_utf8(text))) return false;
+  const pcre_extra *extra = extra_of(regex);
+  if (!extra) return false;  // without limits it must not run
   int captures[30];
   const char *subject = text.empty() ? "" : text.data();
   const int size = static_cast<int>(text.size());
   const int options = regex->is_utf8 ? PCRE_NO_UTF8_CHECK : 0;
   thread_local jit_stack_t jit;
-  if (regex->has_jit && jit.stack) {
-    return pcre_jit_exec(regex->code, regex->extra, subject, size, 0, options, captures, 30, jit.stack) >= 0;
+  if ((extra->flags & PCRE_EXTRA_EXECUTABLE_JIT) && jit.stack) {
+    return pcre_jit_exec(regex->code, extra, subject, size, 0, options, captures, 30, jit.stack) >= 0;
   }
-  return pcre_exec(regex->code, regex->extra, subject, size, 0, options, captures, 30) >= 0;
+  return pcre_exec(regex->code, extra, subject, size, 0, options, captures, 30) >= 0;
 }

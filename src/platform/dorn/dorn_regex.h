@@ -12,5 +12,6 @@ const dorn_regex_t *dorn_regex_compile(const std::string &pattern);
 bool dorn_regex_is_valid(const dorn_regex_t *regex);
 void dorn_regex_ref(const dorn_regex_t *regex);
 void dorn_regex_deref(const dorn_regex_t *regex);
-// Unanchored. See dorn_var_match for what it takes and when it gives up.
+// Unanchored. The first match translates the pattern to machine code. See dorn_var_match for what it takes and
+// when it gives up.
 bool dorn_regex_match(const dorn_regex_t *regex, std::string_view text);
