@@ -7,7 +7,8 @@
 
 #include "platform/dorn/dorn_chars.h"
 
-// A tag value takes well under a thousand steps; a pattern made to stall gives up after some 100 us.
+// Steps from one starting byte. A tag value takes well under a thousand; a pattern made to stall gives up after
+// some 100 us, and its match with that.
 static constexpr unsigned long match_limit = 20000;
 static constexpr unsigned long match_limit_recursion = 200;  // of the interpreter, on the C stack
 static constexpr int jit_stack_start = 32 * 1024;

@@ -62,9 +62,9 @@ TEST(dorn_tagset, copy_is_canonical_view_must_be) {
 }
 
 TEST(dorn_tagset, longest_category_and_tag) {
-  const std::string tag = std::string(126, 'c') + ":" + std::string(897, 'v');
+  const std::string tags = std::string(126, 'c') + ":" + std::string(897, 'v') + ",x:y";
   owned_tagset_t set;
-  ASSERT_TRUE(set.parse(tag + ",x:y", dorn_tagset_text_e::view));
+  ASSERT_TRUE(set.parse(tags, dorn_tagset_text_e::view));
   EXPECT_EQ(set.begin()->category_size, 127);
   EXPECT_EQ(set.begin()->total_size, 1024);
 }
