@@ -85,7 +85,7 @@ const char *topo_host_ringside_str(int side) {
 }
 
 void topo_init_globals() {
-  topo_hash_init_globals();
+  state();
 }
 
 topo_config *topo_retain(std::unique_ptr<topo_config> tc) {
@@ -296,7 +296,13 @@ int ring_apply(const topo_config *tc, void *thunk,
   return sum;
 }
 
-const std::string &topo_host_config_url_prefix(const host_config *host) {
+krel_shared_mutex_c &topo_address_mutex() {
+  static krel_shared_mutex_c mutex;
+  return mutex;
+}
+
+std::string topo_host_config_url_prefix(const host_config *host) {
+  const krel_shared_lock_c lock(topo_address_mutex());
   return host->url_prefix;
 }
 

@@ -1,17 +1,13 @@
 // Topology files and the forms in which a topology is shown and fetched.
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 
 #include "libvelmar/topo/topo.h"
 #include "libvelmar/topo/topo_address.h"
 #include "platform/krel/base/krel_conf.h"
 #include "platform/krel/base/krel_log.h"
+#include "util/io/files.h"
 
 namespace {
 
@@ -63,16 +59,6 @@ std::string document_text(const topo_config *tc) {
   return text + "</nodes>\n";
 }
 
-bool write_all(int fd, const std::string &text) {
-  for (size_t at = 0; at < text.size();) {
-    const ssize_t n = write(fd, text.data() + at, text.size() - at);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    at += static_cast<size_t>(n);
-  }
-  return fsync(fd) == 0;
-}
-
 }  // namespace
 
 std::string topo_directory() {
@@ -98,15 +84,9 @@ int topo_save(const topo_config *tc) {
     krel_log(krel_error, "topology %s has no file to save to\n", tc->hex_signature);
     return -1;
   }
-  const std::string tmp = path + ".tmp";
-  unlink(tmp.c_str());
-  const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0664);
-  const bool written = fd >= 0 && write_all(fd, document_text(tc));
-  const int error = errno;
-  if (fd >= 0) close(fd);
-  if (!written || rename(tmp.c_str(), path.c_str()) != 0) {
-    krel_log(krel_error, "cannot save topology %s: %s\n", path.c_str(), strerror(written ? errno : error));
-    unlink(tmp.c_str());
+  if (const std::error_code code =
+          util::io::atomic_replace(path, document_text(tc), util::io::system_files(), 0664)) {
+    krel_log(krel_error, "cannot save topology %s: %s\n", path.c_str(), code.message().c_str());
     return -1;
   }
   return 0;

@@ -61,18 +61,18 @@ void krel_log_write_fmt(krel_log_stream_t *stream, const char *file, int line, f
   } while (0)
 
 // krel_ex_log(stream, "read {}\n", n): fmt style, checked at compile time.
-#define krel_ex_log(stream, format, ...)                                       \
-  do {                                                                         \
-    krel_log_stream_t *krel_log_s_ = (stream);                                 \
-    if (krel_log_has_material_output(krel_log_s_))                             \
-      ::krel_log_detail::write(krel_log_s_, __FILE__, __LINE__,                \
-                               FMT_STRING(format) __VA_OPT__(, ) __VA_ARGS__); \
+#define krel_ex_log(stream, format, ...)                                                            \
+  do {                                                                                              \
+    krel_log_stream_t *krel_log_s_ = (stream);                                                      \
+    if (krel_log_has_material_output(krel_log_s_))                                                  \
+      ::krel_log_detail::write(krel_log_s_, __FILE__, __LINE__, format __VA_OPT__(, ) __VA_ARGS__); \
   } while (0)
 
 namespace krel_log_detail {
-template <typename S, typename... Args>
-void write(krel_log_stream_t *stream, const char *file, int line, const S &format, Args &&...args) {
-  krel_log_write_fmt(stream, file, line, fmt::string_view(format), fmt::make_format_args(args...));
+template <typename... Args>
+void write(krel_log_stream_t *stream, const char *file, int line, fmt::format_string<Args...> format,
+           Args &&...args) {
+  krel_log_write_fmt(stream, file, line, format, fmt::make_format_args(args...));
 }
 }  // namespace krel_log_detail
 
