@@ -128,6 +128,7 @@ bool krelev_try_add_asynch_subqueue(krelev_jobq_t *jobq, krelev_event_t event, u
 // Light form without an event and without the hop back: runs the function once on a queue thread.
 void krelev_jobq_run(krelev_jobq_t *jobq, std::function<void()> function);
 
+// Figures of the recent past weigh most: counts are halved every 65,536 jobs.
 struct krelev_jobq_figures_t {
   std::string name;
   uint32_t concurrency, min, max, max_backlog, threads;
