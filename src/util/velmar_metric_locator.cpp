@@ -1,5 +1,6 @@
 #include "util/velmar_metric_locator.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -34,7 +35,7 @@ ssize_t canonicalize(const mem_reader_t *name, char out[DORN_METRIC_NAME_BUFFER]
   if (!name || name->input_buffer_size == 0) return 0;
   const ssize_t length = dorn_metric_canonicalize_ex(name->input_buffer, name->input_buffer_size, out,
                                                      DORN_METRIC_NAME_BUFFER, true, true, false);
-  const int shown = static_cast<int>(std::min(name->input_buffer_size, DORN_METRIC_NAME_BUFFER));
+  const int shown = static_cast<int>(std::min<size_t>(name->input_buffer_size, 1024));
   if (length < 0)
     krel_log(krel_error, "Unable to canonicalize metric name (error code %zd): %.*s\n", length, shown,
              name->input_buffer);
