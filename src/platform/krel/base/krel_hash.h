@@ -1,8 +1,9 @@
 #pragma once
 // Hash tables from byte strings to pointers.
 //
-// Keys and values are the caller's: the table keeps the pointers. A key must stay as it is while its entry
-// is in the table; keys that lie inside their values are fine. Free functions may be null.
+// Values are the caller's: the table keeps the pointers. Keys are copied; the pointer given with a store or
+// replace is kept only for the key free function of the call that takes the entry out. Free functions may
+// be null; the key is freed before the value.
 //
 // Threads, by the kind of table:
 //  - krel_hash_init, _init_size: the caller guards it.
@@ -27,7 +28,8 @@ void krel_hash_init(krel_hash_table *table);
 void krel_hash_init_size(krel_hash_table *table, size_t entries);
 void krel_hash_init_locks(krel_hash_table *table, size_t entries, krel_hash_lock_e locking);
 void krel_hash_init_krel_memory(krel_hash_table *table, size_t entries);
-// Frees every entry at once; nobody else may use the table any more. A table never initialised is allowed.
+// Takes every entry out and ends the table, which nobody else may use any more. One never initialised is
+// allowed.
 void krel_hash_destroy(krel_hash_table *table, krel_hash_free_t key_free, krel_hash_free_t value_free);
 
 // False, with nothing done, when the key exists.
@@ -45,13 +47,12 @@ size_t krel_hash_size(const krel_hash_table *table);
 
 // for (krel_hash_iter_t it = {}; krel_hash_adv(&table, &it);) ... it.value ...
 // In no order. The entry the iterator stands on may be deleted; nothing may be stored meanwhile, except
-// in a krel_memory table, where entries stored or deleted meanwhile may or may not appear.
+// in a krel_memory table, where an entry that was there all the time appears once, with one of its values.
 struct krel_hash_iter_t {
   const void *key;
   size_t key_length;
   void *value;
-  void **_cursor;
-  unsigned long _offset;
   void *_map;
+  unsigned long _offset;
 };
 bool krel_hash_adv(const krel_hash_table *table, krel_hash_iter_t *iter);

@@ -6,6 +6,7 @@
 //
 // The parser is strict: UTF-8 only, no comments, no trailing commas, no NaN, nothing behind the value,
 // integers must fit 64 bits, nesting up to KREL_JSON_MAX_DEPTH. Of a repeated key the last value counts.
+// A number beyond the range of doubles reads as infinity.
 
 #include <cstddef>
 #include <cstdint>
@@ -13,11 +14,10 @@
 #include <string_view>
 
 struct json_object;
-struct json_tokener;
 struct lh_entry;
 using krel_json_object = json_object;
-using krel_json_tokener = json_tokener;
 using krel_json_entry = lh_entry;
+struct krel_json_tokener;
 
 enum : int { KREL_JSON_MAX_DEPTH = 64 };
 
@@ -97,6 +97,5 @@ enum krel_json_status_e : int { krel_json_continue, krel_json_done, krel_json_er
 krel_json_status_e krel_json_tokener_parse_ex(krel_json_tokener *tokener, const char *text, size_t length,
                                               krel_json_object **object);
 const char *krel_json_tokener_error(const krel_json_tokener *tokener);  // what the last call ran into
-size_t krel_json_tokener_offset(const krel_json_tokener *tokener);      // where in its piece
 // A whole text at once; null when it is no JSON (or is JSON's null).
 krel_json_object *krel_json_tokener_parse(std::string_view text);

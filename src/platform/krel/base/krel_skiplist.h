@@ -38,8 +38,8 @@ krel_skiplist_node_t *krel_skiplist_getlist(const krel_skiplist_t *list);
 void krel_skiplist_next(const krel_skiplist_t *list, krel_skiplist_node_t **node);
 void *krel_skiplist_data(const krel_skiplist_node_t *node);
 
-void *krel_skiplist_peek(const krel_skiplist_t *list);                           // first item or null
-void *krel_skiplist_pop(krel_skiplist_t *list, krel_skiplist_free_t free_item);  // takes the first out
+void *krel_skiplist_peek(const krel_skiplist_t *list);  // the first item or null
+void *krel_skiplist_pop(krel_skiplist_t *list);         // the same, taken out
 // Takes the node's item out of every order; any of the item's nodes will do.
 void krel_skiplist_remove_node(krel_skiplist_t *list, krel_skiplist_node_t *node,
                                krel_skiplist_free_t free_item);
