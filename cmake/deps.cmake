@@ -29,6 +29,7 @@ endforeach()
 file(GLOB _llhttp_sources "${DEPS_DIR}/llhttp/*.c")
 add_library(llhttp STATIC ${_llhttp_sources})
 target_compile_options(llhttp PRIVATE -w -O2)
+target_compile_definitions(llhttp PUBLIC LLHTTP_STRICT_MODE=1) # a bare LF ends no line
 target_include_directories(llhttp SYSTEM PUBLIC "${DEPS_DIR}/llhttp")
 
 add_library(fbs INTERFACE) # <flatbuffers/...> and <flatbuffers64/...>

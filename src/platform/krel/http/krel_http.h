@@ -60,13 +60,19 @@ void http_response_starting_hook_register(const char *name, krel_http_response_h
 int krel_rest_simple_file_handler(krel_http_rest_closure_t *restc, int npats, char **pats);
 
 // ---- start-up
+// Reads //rest: @document_root and the limits, durations: @header_timeout (30s, of a header not complete),
+// @idle_timeout (75s, between requests), @body_timeout (30s, of a body without progress), @write_timeout
+// (60s, of a response without progress).
 void krel_http_rest_init();
-void krel_capabilities_listener_init();  // GET /capa
-void krel_capabilities_add_feature(const char *name, const char *value);
-std::string krel_capabilities_get_features();
+void krel_capabilities_listener_init();                                   // GET /capa
+void krel_capabilities_add_feature(const char *name, const char *value);  // a null value is ""
+std::string krel_capabilities_get_features();                             // a JSON object, name to value
+void krel_http_set_version(const char *version);                          // what /capa says
 // Opens every <listener type="http_rest_api">; other types through krel_listener_register_type.
 // A listener that cannot be opened is fatal and says why. `app` names the configuration's root.
 void krel_listener_init(const char *app);
+// Gets a connected non-blocking socket, which it owns, on the first loop's thread. `listener_config` is a
+// const krel_conf_section_t *, the <listener> element; it stays. Such a listener has no TLS.
 using krel_accept_callback_t = void (*)(int fd, const std::string &peer, void *listener_config);
 void krel_listener_register_type(const char *type, krel_accept_callback_t accept);
 int krel_listener_port(int index);  // the port in force of the index-th listener; -1 when there is none
@@ -83,6 +89,8 @@ krelev_event_t krel_http_connection_event(krel_http_connection_t *connection);
 krelev_event_t krel_http_connection_event_float(krel_http_connection_t *connection);
 // Puts the session back on the connection's owner thread; fastpath runs there. From any thread.
 void krel_http_session_resume_after_float(krel_http_session_t *session);
+// In its stead, for a job that cannot finish: answers 500, or ends the connection if the header is out.
+void krel_http_session_fail(krel_http_session_t *session);
 // Moves the connection to another loop thread; the handler returns the mask right after and is
 // called again there.
 void krel_http_connection_set_owner(krel_http_connection_t *connection, pthread_t owner);
