@@ -12,8 +12,8 @@ class scripted_peer_c : public peer_http_c {
  public:
   struct answer_t {
     int64_t httpcode = 200;
-    std::string body;
-    std::vector<std::pair<std::string, std::string>> headers;
+    std::string body{};
+    std::vector<std::pair<std::string, std::string>> headers{};
     int code = 0;                   // transport error; 0 none
     size_t piece = 65536;           // the body arrives in pieces of this size
     size_t cut_after = ~size_t{0};  // the connection breaks after that many bytes

@@ -10,11 +10,11 @@
 
 struct peer_request_t {
   std::string method = "GET";
-  std::string url;
-  std::vector<std::string> headers;     // "Name: value"
-  std::string_view body;                // sent when not empty; must outlive the call
-  std::vector<std::string> connect_to;  // "HOST:PORT:ADDRESS:PORT", as curl takes them
-  std::string ca_chain;                 // certificate authority file; empty: the system's
+  std::string url{};
+  std::vector<std::string> headers{};     // "Name: value"
+  std::string_view body{};                // sent when not empty; must outlive the call
+  std::vector<std::string> connect_to{};  // "HOST:PORT:ADDRESS:PORT", as curl takes them
+  std::string ca_chain{};                 // certificate authority file; empty: the system's
   int connect_timeout_ms = 3005;
   int timeout_ms = 0;    // of the whole call; 0: none
   int low_speed_ms = 0;  // from 1000 on: give up when nothing moves for that long

@@ -18,7 +18,7 @@ std::string uuid(int n) {
 struct node_spec_t {
   int id;
   int weight = 1;
-  std::string side;
+  std::string side{};
 };
 
 std::string document(const std::vector<node_spec_t> &nodes, const std::string &attributes) {
