@@ -22,7 +22,7 @@ namespace {
 constexpr size_t k_max_bytes = 64 << 20;  // of all files
 constexpr size_t k_max_includes_deep = 16;
 constexpr size_t k_max_files = 1000;
-constexpr size_t k_max_nodes = 2'000'000;  // a file included many times counts each time
+constexpr size_t k_max_nodes = 250'000;  // a file included many times counts each time
 
 const xmlChar *xc(const char *text) {
   return reinterpret_cast<const xmlChar *>(text);
