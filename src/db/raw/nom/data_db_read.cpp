@@ -1,0 +1,116 @@
+#include <rocksdb/c.h>
+
+#include "db/admin/rocksdb_error.h"
+#include "db/raw/nom/data_db.h"
+#include "db/raw/nom/data_db_position.h"
+#include "platform/krel/base/krel_log.h"
+#include "platform/tolvmetrics/stats.h"
+
+namespace velmar_db_raw_nom {
+
+using db::raw::raw_iter_reader_asynch_c;
+using db::raw::raw_key_c;
+using db::raw::raw_reader_seek_e;
+
+rocksdb_column_family_handle_t *data_db_c::family_handle(uint64_t surrogate_id) const {
+  return m
+      .column_family_handles[family_of(surrogate_id, static_cast<uint32_t>(m.column_family_handles.size()))];
+}
+
+std::unique_ptr<iter_wrapper_c> data_db_c::find_now(uint64_t surrogate_id, uint64_t ts_ms,
+                                                    raw_reader_seek_e seek) {
+  if (!open_shard()) return nullptr;
+  krel_perftimer_t timer;
+  krel_perftimer_start(&timer);
+  auto iter = std::make_unique<iter_wrapper_c>(m_datatype, m.db, family_handle(surrogate_id), surrogate_id);
+  if (!iter->find(ts_ms, seek) && iter->get_error().empty()) iter.reset();
+  stats_set_hist_intscale(m_merge_state.stats.get_latency, krel_perftimer_elapsed(&timer), -9, 1);
+  return iter;
+}
+
+void data_db_c::find_asynch(const raw_key_c &key, raw_reader_seek_e seek, db::raw::raw_iter_found_f found,
+                            void *closure) {
+  auto *const position = new position_t(found, closure);  // goes with close_asynch
+  position->set_key(key);
+  const int64_t ts_ms = key.get_orig_key().get_timestamp().count();
+  if (ts_ms >= 0 || seek == db::raw::SEEK_NEXT_ON_MISS) {
+    position->iter = find_now(key.get_surrogate_id(), ts_ms < 0 ? 0 : static_cast<uint64_t>(ts_ms), seek);
+  }
+  invoke_cb(position);
+}
+
+// Fills the position from where its iterator stands.
+void position_t::publish(stats_handle_t *tuples) {
+  if (iter == nullptr || !iter->is_valid()) {
+    if (iter != nullptr && !iter->get_error().empty()) {
+      set_error(iter->get_error());
+    } else {
+      no_data();
+    }
+    iter.reset();
+    return;
+  }
+  nom_position_value_t at;
+  std::string error;
+  if (!iter->get_current_value(&at, &error)) {
+    krel_log(krel_error, "%s\n", error.c_str());
+    set_error(std::move(error));
+    iter.reset();
+    return;
+  }
+  value_to_fill().set_data_non_owner(at.value, at.generation);
+  set_pos(at.ts_ms);
+  stats_add64(tuples, 1);
+}
+
+// Calls back for this position, and for those that the callback asks for.
+void data_db_c::invoke_cb(position_t *position) {
+  for (;;) {
+    position->publish(m_merge_state.stats.get_tuples);
+    position->guard.nest();
+    position->found(this, position, position->closure);
+    switch (position->guard.unnest()) {
+      case velmar_db_nonest::POSTPONED_NEXT:
+        move(position, true);
+        break;
+      case velmar_db_nonest::POSTPONED_PREV:
+        move(position, false);
+        break;
+      case velmar_db_nonest::POSTPONED_CLOSE:
+        delete position;
+        return;
+      default:
+        return;  // the position is somebody else's now
+    }
+  }
+}
+
+void data_db_c::move(position_t *position, bool forward) {
+  if (position->iter == nullptr) return;
+  if (forward && position->is_deleter()) {
+    delete_passed(position);
+  } else {
+    forward ? position->iter->do_next() : position->iter->do_prev();
+  }
+}
+
+void data_db_c::next_asynch(raw_iter_reader_asynch_c *reader) {
+  auto *const position = static_cast<position_t *>(reader);
+  if (!position->guard.will_seek(true)) return;
+  move(position, true);
+  invoke_cb(position);
+}
+
+void data_db_c::prev_asynch(raw_iter_reader_asynch_c *reader) {
+  auto *const position = static_cast<position_t *>(reader);
+  if (!position->guard.will_seek(false)) return;
+  move(position, false);
+  invoke_cb(position);
+}
+
+void data_db_c::close_asynch(raw_iter_reader_asynch_c *reader) {
+  auto *const position = static_cast<position_t *>(reader);
+  if (position->guard.will_close()) delete position;
+}
+
+}  // namespace velmar_db_raw_nom
