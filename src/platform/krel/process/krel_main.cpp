@@ -19,6 +19,7 @@
 
 namespace {
 
+constexpr uint64_t k_least_stall_ms = 5000;  // an idle loop turns once a second, beats come twice
 constexpr uint64_t k_terminate_ns = 60'000'000'000;
 
 bool load(const char *config_file, int debug) {
@@ -57,6 +58,11 @@ int krel_main(const char *app, const char *config_file, int debug, int foregroun
   if (!load(config_file, debug)) return 2;
   krel_monitor_options_t options;
   krel_conf_get_duration(KREL_CONF_ROOT, "//watchdog/@timeout", krel_get_durations_ms(), &options.stall_ms);
+  if (options.stall_ms < k_least_stall_ms) {
+    krel_log(krel_error,
+             "configuration error: //watchdog/@timeout is below 5s: idle loops would count as hung\n");
+    return 2;
+  }
   if (glider != nullptr) options.glider = glider;
 
   krel_instance_c instance;

@@ -61,8 +61,10 @@ std::string how_it_ended(int status) {
   prctl(PR_SET_PDEATHSIG, SIGTERM);  // without its monitor it ends in order
   if (getppid() != monitor) _exit(1);
   krel_thread_setname("main");
-  sigset_t signals = monitor_signals();
-  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  sigset_t child_ended;  // the others stay blocked until the thread that takes them runs
+  sigemptyset(&child_ended);
+  sigaddset(&child_ended, SIGCHLD);
+  pthread_sigmask(SIG_UNBLOCK, &child_ended, nullptr);
   krel_signals_start();
   int result = child_main();
   krel_log_go_synch();

@@ -2,7 +2,7 @@
 // The child's side of the watchdog. Without a monitor all of these do nothing harmful.
 
 // Starts the thread that reports the loops' turns to the monitor, which restarts the child when the
-// slowest loop has not turned for `//watchdog/@timeout` (a duration, default 30 s).
+// slowest loop has not turned for `//watchdog/@timeout` (a duration, default 30 s, at least 5 s).
 void krel_watchdog_child_krelev_heartbeat();
 // Bracket long work that keeps loops from turning, such as start-up. enable also tells the monitor that
 // the start is over.
