@@ -23,6 +23,7 @@ constexpr coding_t CODINGS[] = {{"gzip", KREL_COMPRESS_GZIP},
 constexpr int GZIP_WINDOW = 15 + 16;  // the largest window, gzip wrapper only
 constexpr int GZIP_LEVEL = 1;         // answers are encoded as they are made: speed before size
 constexpr size_t LZ4_PIECE = 64 * 1024;
+constexpr size_t GZIP_PIECE = 16 * 1024;
 
 char lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -192,13 +193,14 @@ int krel_stream_decompress_finish(krel_stream_decompress_ctx_t *ctx) {
 
 // ---- encoding
 
-// LZ4 wants room for its worst case at every step, so its output waits in m_waiting until there is room
-// for it outside.
+// LZ4 wants room for its worst case at every step, and a flush of zlib into a few bytes of room would begin
+// itself anew each time: their output waits in m_waiting until there is room for it outside.
 struct krel_stream_compress_ctx_t {
   krel_compress_type_e m_type = KREL_COMPRESS_NONE;
   bool m_failed = false;
-  bool m_begun = false;  // the frame's header is made
-  bool m_ended = false;  // its end is made
+  bool m_begun = false;   // the frame's header is made
+  bool m_flushed = true;  // all that was taken has left the coder
+  bool m_ended = false;   // the end is made
   z_stream m_zlib = {};
   bool m_zlib_ready = false;
   LZ4F_cctx *m_lz4 = nullptr;
@@ -217,13 +219,14 @@ struct krel_stream_compress_ctx_t {
   size_t drain(char *out, size_t room);
   bool put(size_t made);
   bool lz4_header();
-  int gzip_out(int flush, void *out, size_t *out_size);
+  int gzip_out(int flush, char *out, size_t *out_size);
   bool lz4(const char *in, size_t *in_size, char *out, size_t *out_size);
   bool gzip(const void *in, size_t *in_size, void *out, size_t *out_size);
 };
 
 bool krel_stream_compress_ctx_t::begin() {
   m_failed = m_begun = m_ended = false;
+  m_flushed = true;
   m_waiting_from = m_waiting_to = 0;
   if (m_type == KREL_COMPRESS_GZIP) {
     if (m_zlib_ready) return deflateReset(&m_zlib) == Z_OK;
@@ -281,19 +284,21 @@ bool krel_stream_compress_ctx_t::lz4(const char *in, size_t *in_size, char *out,
 }
 
 bool krel_stream_compress_ctx_t::gzip(const void *in, size_t *in_size, void *out, size_t *out_size) {
-  const size_t input = *in_size;
+  const size_t waited = drain(static_cast<char *>(out), *out_size);
   m_zlib.next_in = static_cast<Bytef *>(const_cast<void *>(in));
-  m_zlib.avail_in = zlib_size(input);
+  m_zlib.avail_in = m_waiting_from == m_waiting_to ? zlib_size(*in_size) : 0;
   const uInt had_in = m_zlib.avail_in;
-  const int result = gzip_out(Z_NO_FLUSH, out, out_size);
+  *out_size -= waited;
+  const int result = gzip_out(Z_NO_FLUSH, static_cast<char *>(out) + waited, out_size);
+  *out_size += waited;
   *in_size = had_in - m_zlib.avail_in;
   return result >= 0;
 }
 
 // Room that is 0 makes deflate report Z_BUF_ERROR, as does a flush with nothing new: neither is a failure.
-int krel_stream_compress_ctx_t::gzip_out(int flush, void *out, size_t *out_size) {
+int krel_stream_compress_ctx_t::gzip_out(int flush, char *out, size_t *out_size) {
   Bytef none;
-  m_zlib.next_out = *out_size == 0 ? &none : static_cast<Bytef *>(out);
+  m_zlib.next_out = *out_size == 0 ? &none : reinterpret_cast<Bytef *>(out);
   m_zlib.avail_out = zlib_size(*out_size);
   const uInt had_out = m_zlib.avail_out;
   const int result = deflate(&m_zlib, flush);
@@ -333,6 +338,7 @@ int krel_stream_compress(krel_stream_compress_ctx_t *ctx, const void *in, size_t
       ctx->m_failed = !ctx->lz4(static_cast<const char *>(in), in_size, static_cast<char *>(out), out_size);
       break;
   }
+  if (*in_size != 0) ctx->m_flushed = false;
   return ctx->m_failed ? -1 : 0;
 }
 
@@ -340,68 +346,52 @@ namespace {
 
 enum class tail_e { FLUSH, END };
 
-// What is left inside comes out in steps: what waits, then what the last step of the coder makes.
-int lz4_tail(krel_stream_compress_ctx_t *ctx, tail_e tail, char *out, size_t *out_size) {
+// One step of the coder toward the tail, into the empty m_waiting.
+bool lz4_step(krel_stream_compress_ctx_t *ctx, tail_e tail) {
+  if (!ctx->m_begun) return ctx->lz4_header();
+  char *to = ctx->m_waiting.data();
+  if (tail == tail_e::END) {
+    ctx->m_ended = true;
+    return ctx->put(LZ4F_compressEnd(ctx->m_lz4, to, ctx->m_waiting.size(), nullptr));
+  }
+  ctx->m_flushed = true;
+  return ctx->put(LZ4F_flush(ctx->m_lz4, to, ctx->m_waiting.size(), nullptr));
+}
+
+bool gzip_step(krel_stream_compress_ctx_t *ctx, tail_e tail) {
+  ctx->m_waiting.resize(GZIP_PIECE);
+  ctx->m_zlib.next_in = nullptr;
+  ctx->m_zlib.avail_in = 0;
+  size_t made = GZIP_PIECE;
+  const int result = ctx->gzip_out(tail == tail_e::END ? Z_FINISH : Z_SYNC_FLUSH, ctx->m_waiting.data(), &made);
+  if (result == 0) (tail == tail_e::END ? ctx->m_ended : ctx->m_flushed) = true;
+  return result >= 0 && ctx->put(made);
+}
+
+// What is left inside comes out in steps: what waits, then what the coder's next step makes.
+int stream_tail(krel_stream_compress_ctx_t *ctx, tail_e tail, char *out, size_t *out_size) {
   const size_t room = *out_size;
-  bool flushed = false;
   size_t written = 0;
-  for (;;) {
+  while (!ctx->m_failed) {
     written += ctx->drain(out + written, room - written);
     *out_size = written;
     if (ctx->m_waiting_from != ctx->m_waiting_to) return 1;
-    if (ctx->m_ended || flushed) return 0;
-    bool good;
-    if (!ctx->m_begun) {
-      good = ctx->lz4_header();
-    } else if (tail == tail_e::END) {
-      good = ctx->put(LZ4F_compressEnd(ctx->m_lz4, ctx->m_waiting.data(), ctx->m_waiting.size(), nullptr));
-      ctx->m_ended = true;
-    } else {
-      good = ctx->put(LZ4F_flush(ctx->m_lz4, ctx->m_waiting.data(), ctx->m_waiting.size(), nullptr));
-      flushed = true;
-    }
-    if (!good) {
-      ctx->m_failed = true;
-      return -1;
-    }
+    if (ctx->m_ended || ctx->m_type == KREL_COMPRESS_NONE) return 0;
+    if (tail == tail_e::FLUSH && ctx->m_flushed) return 0;
+    ctx->m_failed = !(ctx->m_type == KREL_COMPRESS_GZIP ? gzip_step(ctx, tail) : lz4_step(ctx, tail));
   }
-}
-
-int stream_tail(krel_stream_compress_ctx_t *ctx, tail_e tail, void *out, size_t *out_size) {
-  if (ctx->m_failed) {
-    *out_size = 0;
-    return -1;
-  }
-  int result = 0;
-  switch (ctx->m_type) {
-    case KREL_COMPRESS_NONE:
-      *out_size = 0;
-      break;
-    case KREL_COMPRESS_GZIP:
-      if (ctx->m_ended) {
-        *out_size = 0;
-        break;
-      }
-      ctx->m_zlib.next_in = nullptr;
-      ctx->m_zlib.avail_in = 0;
-      result = ctx->gzip_out(tail == tail_e::END ? Z_FINISH : Z_SYNC_FLUSH, out, out_size);
-      ctx->m_ended = tail == tail_e::END && result == 0;
-      ctx->m_failed = result < 0;
-      break;
-    case KREL_COMPRESS_LZ4F:
-      return lz4_tail(ctx, tail, static_cast<char *>(out), out_size);
-  }
-  return result;
+  *out_size = written;
+  return -1;
 }
 
 }  // namespace
 
 int krel_stream_compress_flush(krel_stream_compress_ctx_t *ctx, void *out, size_t *out_size) {
-  return stream_tail(ctx, tail_e::FLUSH, out, out_size);
+  return stream_tail(ctx, tail_e::FLUSH, static_cast<char *>(out), out_size);
 }
 
 int krel_stream_compress_finish(krel_stream_compress_ctx_t *ctx, void *out, size_t *out_size) {
-  return stream_tail(ctx, tail_e::END, out, out_size);
+  return stream_tail(ctx, tail_e::END, static_cast<char *>(out), out_size);
 }
 
 bool krel_compress_lz4f(const void *bytes, size_t length, std::string *out) {

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "platform/krel/base/krel_json.h"
+#include "platform/krel/base/krel_json_guard.h"
 
 namespace {
 
@@ -37,6 +38,7 @@ size_t split_character(const char *text, size_t length) {
 // The library checks UTF-8 within a piece only, so a character cut by the end of a piece waits here.
 struct krel_json_tokener {
   std::unique_ptr<json_tokener, json_tokener_deleter_t> m_json;
+  krel_json_guard_c m_guard;
   char m_split[4];
   size_t m_split_size = 0;
   const char *m_error = "";
@@ -104,6 +106,7 @@ void krel_json_tokener_free(krel_json_tokener *tokener) {
 
 void krel_json_tokener_reset(krel_json_tokener *tokener) {
   json_tokener_reset(tokener->m_json.get());
+  tokener->m_guard = {};
   tokener->m_split_size = 0;
   tokener->m_error = "";
 }
@@ -114,8 +117,10 @@ krel_json_status_e krel_json_tokener_parse_ex(krel_json_tokener *tokener, const 
   tokener->m_error = "";
   if (length == 0) {
     if (tokener->m_split_size != 0) return tokener->fail("the text ends within a character");
+    if (const char *wrong = tokener->m_guard.end()) return tokener->fail(wrong);
     return tokener->feed("", -1, object);
   }
+  if (const char *wrong = tokener->m_guard.look(text, length)) return tokener->fail(wrong);
   if (tokener->m_split_size != 0) {
     const size_t taken = tokener->complete_split(text, length);
     text += taken;
