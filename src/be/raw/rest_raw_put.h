@@ -1,0 +1,4 @@
+#pragma once
+
+// POST /raw.
+void rest_raw_put_init();
