@@ -232,7 +232,7 @@ krel_http_connection_t::step_e krel_http_connection_t::refuse(int code, const ch
     session = loop->take_session();
     session->begin(this);
   }
-  session->request.keep_alive = false;
+  session->request.keep_alive = session->request.aborted = false;
   session->request.message_complete = false;
   session->answer_error(code, text);
   state = http_state_e::response;
@@ -308,6 +308,7 @@ krel_http_connection_t::step_e krel_http_connection_t::after_handler() {
 // The handler has said all; its answer goes to the queue, and the request ends.
 krel_http_connection_t::step_e krel_http_connection_t::step_response() {
   krel_http_response_t &response = session->response;
+  krel_assert(response.final || broken);
   while (!response.ended) {
     response.pump(session->request, out, http_date_header(), false);
     if (response.broken) return die();

@@ -171,10 +171,11 @@ bool krel_http_request_t::check_fields() {
     }
     const uint32_t colon = h.name + h.name_length;
     if (base[colon] != ':') return fail_with(400, "malformed request");
-    if (h.value == 0) h.value = colon + 1;
-    for (uint32_t i = colon + 1; i < h.value; i++) {
-      if (!is_blank(base[i])) return fail_with(400, "folded header");
-    }
+    uint32_t start = colon + 1;
+    while (is_blank(base[start])) start++;
+    if (h.value_length == 0) h.value = start;  // the parser says nothing of use for an empty one
+    if (h.value != start || (h.value_length == 0 && is_blank(base[start + 2])))
+      return fail_with(400, "folded header");
     for (uint32_t i = h.value; i < h.value + h.value_length; i++) {
       const auto c = static_cast<unsigned char>(base[i]);
       if ((c < 0x20 && c != '\t') || c == 0x7f) return fail_with(400, "malformed request");
