@@ -177,13 +177,11 @@ class log_c {
   }
 
   stream_s *find_locked(std::string_view name) REQUIRES(m_tree) {
-    auto it = m_streams.find(std::string(name));
-    if (it != m_streams.end()) return it->second;
-    auto *kept = new std::string(name);  // streams are never freed
-    auto *stream = new stream_s(kept->c_str(), false);
+    auto [it, made] = m_streams.try_emplace(std::string(name));
+    if (!made) return it->second;
+    auto *stream = it->second = new stream_s(it->first.c_str(), false);  // streams are never freed
     size_t slash = name.rfind('/');
     if (slash != std::string_view::npos && slash > 0) stream->parent = find_locked(name.substr(0, slash));
-    m_streams.emplace(*kept, stream);
     stream->has_output.store(is_on(stream), std::memory_order_relaxed);
     return stream;
   }
