@@ -8,6 +8,7 @@
 #include "platform/krel/base/krel_log.h"
 #include "platform/krel/base/krel_memory.h"
 #include "platform/krel/base/krel_util.h"
+#include "platform/krel/event/krelev_thread.h"
 
 namespace {
 
@@ -50,12 +51,9 @@ void krelev_jobq_t::leave(worker_t &worker) {
 void krelev_jobq_t::run_job(worker_t &worker, krelev_job_c *job) {
   worker.started_ns = krel_gethrtime();
   worker.waited_ns = worker.started_ns - job->queued_ns;
-  if (m_memory_safety) {
-    krel_memory_section_c section;
-    job->work();
-  } else {
-    job->work();
-  }
+  if (m_memory_safety) krel_memory_begin();
+  job->work();
+  krelev_close_sections();
   job->finish();
   worker.ended_ns = krel_gethrtime();
   if (worker.ended_ns - worker.maintained_ns > k_maintain_every_ns) {

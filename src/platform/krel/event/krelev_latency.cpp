@@ -1,5 +1,6 @@
 #include "platform/krel/event/krelev_latency.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 
@@ -19,6 +20,7 @@ double krelev_latency_c::middle_of(unsigned bucket) {
 }
 
 void krelev_latency_c::add(uint64_t ns) {
+  ns = std::min(ns, k_longest_ns);
   ++m_counts[bucket_of(ns)];
   m_sum_ns += ns;
   if (++m_count >= 65536) fade();

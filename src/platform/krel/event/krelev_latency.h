@@ -12,7 +12,8 @@ class krelev_latency_c {
   double quantile_us(double q) const;  // 0 when empty
 
  private:
-  static constexpr unsigned k_octaves = 44;  // up to 4.8 hours; longer ones count as that
+  static constexpr unsigned k_octaves = 44;
+  static constexpr uint64_t k_longest_ns = (uint64_t{1} << 45) - 1;  // 9.8 hours; longer ones count as that
   static unsigned bucket_of(uint64_t ns);
   static double middle_of(unsigned bucket);
   void fade();

@@ -13,6 +13,7 @@
 #include "platform/krel/event/krelev_aco.h"
 #include "platform/krel/event/krelev_aco_stack.h"
 #include "platform/krel/event/krelev_fd.h"
+#include "platform/krel/event/krelev_pool.h"
 #include "platform/krel/event/krelev_recurrent.h"
 
 namespace {
@@ -84,15 +85,15 @@ void krelev_loop_c::wake() {
 }
 
 void krelev_loop_c::stop() {
-  m_stopping.store(true, std::memory_order_release);
-  wake();
+  krelev_post_on(this, [this] { m_stopping = true; });
 }
 
 void krelev_loop_c::run() {
   t_current = this;
   krel_thread_setname(m_name.c_str());
   krel_memory_init_thread();
-  while (!m_stopping.load(std::memory_order_acquire)) turn();
+  m_last_turn_ns.store(krel_gethrtime(), std::memory_order_relaxed);
+  while (!m_stopping) turn();
   wind_up();
   krel_memory_fini_thread();
   t_current = nullptr;
@@ -114,6 +115,7 @@ void krelev_loop_c::turn() {
   m_last_turn_ns.store(now, std::memory_order_relaxed);
   m_turns.store(turns() + 1, std::memory_order_relaxed);
   maintain(now);
+  if (m_stopping) return;
   if (m_inbox.empty())
     wait_for_work(recurrents_busy);
   else if (now - m_polled_ns > k_poll_every_ns)

@@ -99,6 +99,7 @@ class krelev_loop_c {
   uint64_t m_tick_ns = 0;  // when the tick is due, 0 when not armed
   uint64_t m_polled_ns = 0;
   uint64_t m_maintained_ns = 0;
+  bool m_stopping = false;
   krelev_spin_c m_spin;
   krelev_timers_c m_timers;
   krelev_heap_c<krelev_aco_c *> m_sleepers;  // by monotonic microseconds
@@ -110,7 +111,6 @@ class krelev_loop_c {
   krelev_pool_t *m_pool;
   const std::string m_name;
   std::atomic<pthread_t> m_thread{};
-  std::atomic<bool> m_stopping{false};
   std::atomic<uint64_t> m_events{0};
   std::atomic<uint64_t> m_turns{0};
   std::atomic<uint64_t> m_last_turn_ns{0};

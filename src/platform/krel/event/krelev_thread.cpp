@@ -33,5 +33,9 @@ void krelev_log_exception(const char *what, krelev_callback_t callback) {
   } catch (...) {
     krel_log(krel_error, "%s %s threw something that is no std::exception\n", what, name);
   }
+  krelev_close_sections();
+}
+
+void krelev_close_sections() {
   while (krel_memory_in_cs()) krel_memory_end();
 }

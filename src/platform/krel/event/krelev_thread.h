@@ -15,8 +15,11 @@ std::thread krelev_spawn(std::function<void()> body);
 template <typename Function>
 bool krelev_guarded(const char *what, krelev_callback_t callback, Function function);
 
-// To be called in a catch block only: logs the exception in flight and closes the krel_memory
-// sections that the function left open.
+// Ends the krel_memory sections of the calling thread, its own and what a user's function left open.
+void krelev_close_sections();
+
+// To be called in a catch block only: logs the exception in flight and closes all krel_memory
+// sections of the thread.
 void krelev_log_exception(const char *what, krelev_callback_t callback);
 
 template <typename Function>
