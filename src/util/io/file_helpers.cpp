@@ -9,7 +9,7 @@ namespace util::io {
 namespace {
 
 krel_log_stream_t *mkdir_log() {
-  static krel_log_stream_t *const stream = krel_log_stream_find("debug/mkdir_for_file");
+  static krel_log_stream_t *const stream = krel_log_stream_find("debug/mkdir");
   return stream;
 }
 

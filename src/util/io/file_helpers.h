@@ -10,7 +10,7 @@
 namespace util::io {
 
 // Makes the missing directories that `path` needs: everything before its last "/". Logs each failure on
-// "debug/mkdir_for_file".
+// "debug/mkdir".
 [[nodiscard]] std::error_code mkdir_for_file(const std::string &path, mode_t permissions = 0755,
                                              files_c &files = system_files());
 // An existing file is cut to nothing.

@@ -9,6 +9,9 @@ namespace util::time {
 
 namespace {
 
+// Times beyond what a double counts in whole milliseconds (some 285,000 years) are refused.
+constexpr int64_t k_max_ms = int64_t{1} << 53;
+
 bool is_blank(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
@@ -37,7 +40,7 @@ std::optional<int64_t> seconds_to_ms(std::string_view text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
   if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
   const double ms = std::round(seconds * 1000.0);
-  if (!(std::abs(ms) < 9.2e18)) return std::nullopt;
+  if (!(std::abs(ms) <= static_cast<double>(k_max_ms))) return std::nullopt;
   return static_cast<int64_t>(ms);
 }
 
@@ -79,7 +82,7 @@ std::optional<int64_t> scan_signed_durations(std::string_view text, size_t *end)
   }
   uint64_t seconds = 0;
   if (*end == 0 || !krel_confstr_parse_duration(terms, krel_get_durations_s(), &seconds)) return std::nullopt;
-  if (seconds > INT64_MAX / 1000) return std::nullopt;
+  if (seconds > k_max_ms / 1000) return std::nullopt;
   const int64_t ms = static_cast<int64_t>(seconds) * 1000;
   return text[0] == '-' ? -ms : ms;
 }
@@ -97,8 +100,9 @@ std::optional<scanned_t> scan_expression(std::string_view text, int64_t now_ms, 
   at = skip_blanks(text, at + size);
   if (!with_durations) return base ? std::optional(scanned_t{*base, at}) : std::nullopt;
   const auto shift = scan_signed_durations(text.substr(at), &size);
-  int64_t ms = 0;
-  if (!shift || __builtin_add_overflow(base.value_or(now_ms), *shift, &ms)) return std::nullopt;
+  if (!shift) return std::nullopt;
+  const int64_t ms = base.value_or(now_ms) + *shift;  // both within k_max_ms
+  if (std::abs(ms) > k_max_ms) return std::nullopt;
   return scanned_t{ms, skip_blanks(text, at + size)};
 }
 

@@ -61,7 +61,7 @@ TEST(file_helpers, directories_for_a_file_are_made_up_to_its_last_slash) {
   EXPECT_TRUE(fs::is_directory(dir / "a/b/c"));
   EXPECT_FALSE(util::io::mkdir_for_file("plain"));
   write(dir / "file", "");
-  log_capture_c log("debug/mkdir_for_file");
+  log_capture_c log("debug/mkdir");
   EXPECT_EQ(util::io::mkdir_for_file(dir / "file/x"), std::errc::not_a_directory);
   EXPECT_EQ(log.lines(), std::vector<std::string>{"mkdir for file(" + dir / "file/x" + ") -> Not a directory"});
 }
