@@ -80,6 +80,7 @@ struct velmar_metric_locator_t {
   std::atomic<bool> canonical_copy;  // the instance stored in the surrogate store
   velmar_metric_locator_immutable_data_t *immutable;
 };
+static_assert(sizeof(velmar_metric_locator_immutable_data_t) == 64 && sizeof(velmar_metric_locator_t) == 64);
 
 // ---- process-wide values
 extern std::atomic<uint64_t> velmar_metric_locator_future_bound;  // ms; later numerics are not cached
