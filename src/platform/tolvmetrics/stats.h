@@ -33,7 +33,8 @@ void stats_ns_add_tag(stats_ns_t *ns, const char *category, const char *value);
 // Runs before the namespace is read (process figures and the like).
 void stats_ns_invoke(stats_ns_t *ns, std::function<void()> refresh);
 
-// The statistic of that name; an existing one of the same kind is returned again.
+// The statistic of that name; an existing one of the same kind is returned again. Null, with an error logged,
+// when the name is taken by another kind: all calls below do nothing with a null handle.
 stats_handle_t *stats_register(stats_ns_t *ns, const char *name, int kind);
 void stats_handle_tagged_name(stats_handle_t *handle, const char *name);  // name in the tagged output
 void stats_handle_tagged_suppress(stats_handle_t *handle, bool suppress);
@@ -44,14 +45,16 @@ void stats_observe(stats_handle_t *handle, int kind, const void *memory);
 void stats_invoke(stats_handle_t *handle, std::function<double()> function);
 
 void stats_add64(stats_handle_t *handle, int64_t amount);
-// value points at the kind's C type (const char for a string).
+// value points at the kind's C type (const char for a string), which need not be the handle's: numbers are
+// converted. A histogram counts the value once. Not for counters. A gauge below zero shows as 0.
 void stats_set(stats_handle_t *handle, int kind, const void *value);
 // Counts `count` times the value `value` x 10^scale.
 void stats_set_hist_intscale(stats_handle_t *handle, int64_t value, int scale, uint64_t count);
 
-// Nested JSON; leaves {"_type":T,"_value":V}. simple: leaves are the bare values.
+// Nested JSON; leaves {"_type":T,"_value":V}. simple: leaves are the bare values. A histogram's value is an
+// object from bin text to count. reset: counters and histograms begin anew for the JSON forms.
 std::string stats_recorder_output_json(stats_recorder_t *recorder, bool simple, bool reset);
 // One flat object keyed name|ST[tags].
 std::string stats_recorder_output_json_tagged(stats_recorder_t *recorder, bool reset);
-// Prometheus text format, version 0.0.4.
+// Prometheus text format, version 0.0.4. Resets do not show: what counts only ever grows.
 std::string stats_recorder_output_prometheus(stats_recorder_t *recorder);

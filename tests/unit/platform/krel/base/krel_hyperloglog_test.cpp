@@ -8,12 +8,12 @@
 namespace {
 
 TEST(krel_hyperloglog, counts_distinct_keys_within_its_error) {
-  for (int precision : {4, 12, 16}) {
+  for (int precision : {4, 12}) {
     const double error = 1.04 / std::sqrt(std::pow(2, precision));
     krel_hyperloglog_t *hll = krel_hyperloglog_alloc(precision);
     EXPECT_EQ(krel_hyperloglog_size(hll), 0u);
     uint64_t added = 0;
-    for (uint64_t upto : {1, 10, 100, 1000, 10000, 100000, 400000}) {
+    for (uint64_t upto : {1, 10, 100, 1000, 10000, 100000}) {
       for (; added < upto; ++added) {
         const std::string key =
             "web.requests.latency" + std::to_string(added) + "|ST[host:h" + std::to_string(added % 7) + "]";
