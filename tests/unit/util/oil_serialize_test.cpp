@@ -101,15 +101,15 @@ TEST(OilSerialize, ReturnsAnEqualList) {
   }
 }
 
-// Quadratic work would take minutes here.
+// Quadratic work would take a minute here.
 TEST(OilSerialize, TakesAListInAnyOrder) {
   flatbuffers::FlatBufferBuilder builder;
   std::vector<flatbuffers::Offset<tolvanus::kestdb::OilInterval>> entries;
-  for (uint32_t i = 400000; i > 0; i--)
+  for (uint32_t i = 200000; i > 0; i--)
     entries.push_back(tolvanus::kestdb::CreateOilInterval(builder, i * 1000, i * 1000 + 1));
   builder.Finish(tolvanus::kestdb::CreateOilList(builder, builder.CreateVector(entries)));
   const oil_ptr list = oil_deserialize_fb(builder.GetBufferPointer(), builder.GetSize());
-  EXPECT_EQ(oil_size(list.get()), 400000u);
+  EXPECT_EQ(oil_size(list.get()), 200000u);
   EXPECT_TRUE(oil_valid(list.get()));
 }
 

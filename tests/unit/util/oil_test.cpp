@@ -114,7 +114,7 @@ class model_c {
   }
   // Takes over what the list covers, which must be all of this and else only short gaps in it.
   void follow(const intervals_t &list) {
-    std::vector<bool> covered(UNITS);
+    std::vector<char> covered(UNITS);
     for (const auto &[first, last] : list)
       for (uint32_t u = first; u <= last; u++) covered[u] = true;
     for (uint32_t u = 0; u < UNITS;) {
@@ -124,7 +124,7 @@ class model_c {
         continue;
       }
       uint32_t end = u, filled = 0;
-      for (; end < UNITS && !m_units[end]; end++) filled += covered[end];
+      for (; end < UNITS && !m_units[end]; end++) filled += static_cast<uint32_t>(covered[end]);
       if (filled > 0) {
         ASSERT_EQ(filled, end - u) << "a gap closed in part at " << u;
         ASSERT_LE(filled, OIL_SLACK) << "at " << u;
@@ -136,7 +136,7 @@ class model_c {
   }
 
  private:
-  std::vector<bool> m_units = std::vector<bool>(UNITS);
+  std::vector<char> m_units = std::vector<char>(UNITS);
 };
 
 void expect_searches(const oil_list_t *list, const model_c &model, uint32_t first, uint32_t last) {
