@@ -42,7 +42,7 @@ TEST_F(time_text_test, a_base_and_signed_durations) {
   EXPECT_EQ(expression("5."), 5000);
   for (const char *text : {"", " ", "-", "now-", "now -1", "1h", "now 1h", "now--1h", "now-1h-1h",
                            "now-1parsec", "now-500ms", "now-1.5h", "x", "now+99999999999999999999s",
-                           "now-300000000y", "99999999999999999999", "9007199254741", "now+285500y", "nownow"})
+                           "now-300000000y", "99999999999999999999", "9007199254741", "9007199254740+1d", "nownow"})
     EXPECT_EQ(expression(text), std::nullopt) << text;
 }
 
