@@ -95,7 +95,9 @@ void executor_c::wake(uint32_t index) {
 }
 
 uint64_t executor_c::process(uint32_t queue_index) {
-  const uint64_t done = _queue_mgr[queue_index & (_queue_mgr.size() - 1)]->work();
+  queue_mgr_c &queue = *_queue_mgr[queue_index & (_queue_mgr.size() - 1)];
+  uint64_t done = 0;
+  while (const uint64_t more = queue.work()) done += more;
   sched_yield();
   return done;
 }

@@ -35,7 +35,10 @@ class executor_agent_c : public agent_c {
   executor_agent_c(const void *executor, queue_mgr_c &queue_mgr) : _executor(executor), _queue_mgr(queue_mgr) {}
   void on_start() override;
   uint64_t work() override { return _queue_mgr.work(); }
-  void on_close() override { _queue_mgr.work(); }
+  void on_close() override {
+    while (_queue_mgr.work() > 0) {
+    }
+  }
 
  private:
   const void *_executor;

@@ -49,7 +49,7 @@ bool queue_mgr_c::take(std::pair<time_point_t, task_c> *out) {
 
 uint64_t queue_mgr_c::work() {
   uint64_t done = 0;
-  for (std::pair<time_point_t, task_c> job; take(&job); ++done) {
+  for (std::pair<time_point_t, task_c> job; done < k_most_at_once && take(&job); ++done) {
     const time_point_t start = std::chrono::steady_clock::now();
     record_ns(_wait_hist_handle, start - job.first);
     run_guarded(job.second);

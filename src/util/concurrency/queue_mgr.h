@@ -26,13 +26,15 @@ class queue_mgr_c {
 
   // False, and the function is not taken, once the queue is closed.
   bool add(task_c &&function);
-  // Runs what is queued, in order, until the queue is empty; returns how many. A function that throws is
-  // logged and counts as run.
+  // Runs what is queued, in order, until the queue is empty or a good many have run, so that a queue that
+  // is never empty cannot keep its thread from its other duties; returns how many ran: 0 is an empty queue.
+  // A function that throws is logged and counts as run.
   uint64_t work();
   void close();
   size_t size() const;
 
  private:
+  static constexpr uint64_t k_most_at_once = 1024;
   using time_point_t = std::chrono::steady_clock::time_point;
   bool take(std::pair<time_point_t, task_c> *out);
 
