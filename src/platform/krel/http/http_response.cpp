@@ -263,26 +263,26 @@ bool krel_http_response_t::encode_front(http_queue_c &encoded) {
 
 // Brings the encoder's output to `out` while that has room; true when all of the body is there.
 bool krel_http_response_t::encode_some(http_queue_c &out, bool flushing) {
+  http_queue_c encoded;
   while (!body.empty()) {
-    if (out.size() >= HTTP_HIGH_WATER) return false;
-    http_queue_c encoded;
-    while (!body.empty() && encoded.size() < whole_below) {
-      if (!encode_front(encoded)) {
-        broken = true;
-        return false;
-      }
+    if (out.size() + encoded.size() >= HTTP_HIGH_WATER) {
+      emit(encoded, out);
+      return false;
     }
-    emit(encoded, out);
+    if (!encode_front(encoded)) {
+      broken = true;
+      return false;
+    }
+    if (encoded.size() >= whole_below) emit(encoded, out);
   }
-  http_queue_c rest;
   if (final) {
-    broken |= !m_encoder.finish(rest);
+    broken |= !m_encoder.finish(encoded);
     m_encoder.stop();
   } else if (flushing && m_unflushed) {
-    broken |= !m_encoder.flush(rest);
+    broken |= !m_encoder.flush(encoded);
     m_unflushed = false;
   }
-  emit(rest, out);
+  emit(encoded, out);
   return true;
 }
 

@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 
+#include "platform/krel/base/krel_log.h"
+
 namespace {
 
 int answer(krel_http_rest_closure_t *restc, int npats, char **pats) {
