@@ -67,6 +67,10 @@ TEST(krel_json, refuses_what_is_not) {
                                "\"open",
                                "\"a\tb\"",
                                "TRUE",
+                               "[1.]",
+                               "[1e]",
+                               "[-]",
+                               "[1-2]",
                                "[123456789012345678901234567890]",
                                nested(KREL_JSON_MAX_DEPTH + 1),
                                std::string(100000, '[')};
@@ -74,7 +78,7 @@ TEST(krel_json, refuses_what_is_not) {
 }
 
 TEST(krel_json, pieces_may_cut_anywhere) {
-  const std::string text = " {\"schlüssel\": [\"a€b😀\", 12.5e1, 1234567], \"t\": {\"u\": true}} \n";
+  const std::string text = " {\"schlüssel\": [\"a€b😀\", 12.5e1, -0.5E-7, 1234567], \"t\": {\"u\": true}} \n";
   const std::string want = printed(text);
   krel_json_tokener *tokener = krel_json_tokener_new();
   for (size_t first = 1; first < text.size(); ++first) {
@@ -97,6 +101,10 @@ TEST(krel_json, pieces_may_cut_anywhere) {
   EXPECT_EQ(krel_json_tokener_parse_ex(tokener, nullptr, 0, &object), krel_json_done);
   EXPECT_EQ(krel_json_object_get_int(object), 123);
   krel_json_object_put(object);
+  krel_json_tokener_reset(tokener);
+  EXPECT_EQ(krel_json_tokener_parse_ex(tokener, "9", 1, &object), krel_json_continue);
+  EXPECT_EQ(krel_json_tokener_parse_ex(tokener, "-", 1, &object), krel_json_error)
+      << "a front alone is no number";
   krel_json_tokener_reset(tokener);
   EXPECT_EQ(krel_json_tokener_parse_ex(tokener, "[1,,", 4, &object), krel_json_error);
   EXPECT_STRNE(krel_json_tokener_error(tokener), "");
