@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "be/raw/raw_put_parse.h"
+#include "db/raw/nom/nom_format.h"
 #include "ingestion/metric_validation.h"
 #include "platform/krel/base/krel_log.h"
 #include "platform/krel/base/krel_util.h"
@@ -90,6 +91,11 @@ void text_parser_c::metric(char *text, const mem_reader_t &input) {
     m_errors++;
     krel_log(krel_error, "this node stores no text samples, metric %.*s\n", static_cast<int>(name.size()),
              name.data());
+    return;
+  }
+  if (!velmar_db_raw_nom::metric_to_nom_type(static_cast<char>(value.type))) {
+    m_errors++;
+    krel_log(krel_error, "Failed parse: %s\n", text);
     return;
   }
   const auto time = db::ingestion::cleanse_time_at(whence_ms, m_now_ms);

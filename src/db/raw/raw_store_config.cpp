@@ -85,7 +85,7 @@ raw_store_config_t read_raw_store_config(const char *element, const char *node_i
   const reader_c conf(element);
   const bool numeric = strcmp(element, "raw_database") == 0;
   raw_store_config_t config;
-  std::string location, word;
+  std::string location;
   config.configured = conf.text("location", &location);
   if (!config.configured) {
     if (!numeric)
@@ -96,10 +96,6 @@ raw_store_config_t read_raw_store_config(const char *element, const char *node_i
   config.factory.description = numeric ? "raw numeric" : "raw histogram";
   read_durations(conf, element, &config.factory);
   check_fixed(conf, numeric);
-  if (conf.text("conflict_resolver", &word))
-    config.conflict_resolver = velmar_db_raw_nom::conflict_resolver_from_word(word);
-  krel_log(krel_notice, "%s conflict resolver chosen: %d\n", numeric ? "Numeric" : "Histogram",
-           static_cast<int>(config.conflict_resolver));
   config.streaming_limit = read_streaming_limit(conf, config.streaming_limit);
   const size_t at = location.find("{node}");
   if (at != std::string::npos) location.replace(at, 6, node_id);

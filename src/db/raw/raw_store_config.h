@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <string>
 
-#include "db/raw/nom/nom_merge.h"
 #include "db/raw/raw_shard_factory.h"
 
 namespace db::raw {
@@ -12,8 +11,6 @@ namespace db::raw {
 struct raw_store_config_t {
   bool configured = false;             // it has a location
   raw_shard_factory_params_t factory;  // basedir, description and durations
-  velmar_db_raw_nom::conflict_resolver_e conflict_resolver =
-      velmar_db_raw_nom::conflict_resolver_e::last_abs_max;
   uint32_t streaming_limit = 10000;
 };
 
