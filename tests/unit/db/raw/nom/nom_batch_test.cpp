@@ -57,14 +57,36 @@ TEST(nom_batch, serialised_form) {
     make_key(id, static_cast<uint32_t>(floor_s), out.data());
     return out;
   };
-  ASSERT_EQ(batches.size(), 2u);
-  EXPECT_EQ(counts, (std::vector<size_t>{1, 2}));
-  EXPECT_EQ(batches[0], std::string("\0\0\0\0\0\0\0\0\1\0\0\0\2\14", 14) + key(2, HOUR_S) + "\16" +
-                            std::string(record_builder_c(1).add<int32_t>(5, -1)));
-  EXPECT_EQ(batches[1], std::string("\0\0\0\0\0\0\0\0\2\0\0\0\6\xac\2\14", 16) + key(3, HOUR_S) + "\36" +
-                            std::string(record_builder_c(3).add<int64_t>(7, 1).add<int64_t>(4, 2)) +
-                            "\6\xac\2\14" + key(3, HOUR_S + 3600) + "\16" +
-                            std::string(record_builder_c(1).add<int32_t>(0, 3)));
+  ASSERT_EQ(batches.size(), 1u);
+  EXPECT_EQ(counts[0], 3u);
+  EXPECT_EQ(batches[0],
+            std::string("\0\0\0\0\0\0\0\0\3\0\0\0", 12) + "\2\14" + key(2, HOUR_S) + "\16" +
+                std::string(record_builder_c(1).add<int32_t>(5, -1)) + "\6\xac\2\14" + key(3, HOUR_S) + "\36" +
+                std::string(record_builder_c(3).add<int64_t>(7, 1).add<int64_t>(4, 2)) + "\6\xac\2\14" +
+                key(3, HOUR_S + 3600) + "\16" + std::string(record_builder_c(1).add<int32_t>(0, 3)));
+}
+
+TEST(nom_batch, a_large_set_makes_several_batches) {
+  std::vector<nom_sample_t> samples;
+  for (uint32_t i = 0; i < 100000; ++i) samples.push_back(nom_sample_t::of_double(i, HOUR_MS, i));
+  const uint32_t family_ids[] = {0, 1, 2, 3, 4, 5, 6, 7};
+  batch_builder_c builder;
+  for (int round = 0; round < 2; ++round) {
+    builder.start(family_ids);
+    for (uint32_t i = 0; i < samples.size(); ++i) builder.add(samples[i].surrogate_id, samples[i].ts_ms, i);
+    size_t operands = 0, largest = 0, batches = 0;
+    builder.write_numeric(samples, [&](std::string_view batch, size_t count) {
+      uint32_t in_header;
+      memcpy(&in_header, batch.data() + 8, sizeof in_header);
+      EXPECT_EQ(in_header, count);
+      operands += count;
+      largest = std::max(largest, batch.size());
+      ++batches;
+    });
+    EXPECT_EQ(operands, samples.size());
+    EXPECT_LE(largest, (1u << 20) + 64);
+    EXPECT_EQ(batches, 4u);
+  }
 }
 
 class nom_batch_db : public shard_test_c {};
