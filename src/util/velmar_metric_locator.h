@@ -137,6 +137,10 @@ inline bool velmar_metric_locator_is_canonical(const velmar_metric_locator_t *ml
 inline void velmar_metric_locator_set_canonical(velmar_metric_locator_t *ml) {
   ml->canonical_copy.store(true, std::memory_order_release);
 }
+// The metric was erased: whoever kept the instance sees that it is no longer the stored one.
+inline void velmar_metric_locator_clear_canonical(velmar_metric_locator_t *ml) {
+  ml->canonical_copy.store(false, std::memory_order_release);
+}
 inline uint64_t velmar_metric_locator_get_surrogate_id(const velmar_metric_locator_t *ml) {
   return __atomic_load_n(&ml->immutable->surrogate_id, __ATOMIC_ACQUIRE);
 }

@@ -19,7 +19,7 @@ namespace db::surrogate {
 enum spec_e { metadata = 0, activity = 1 };
 
 // A pager over the results of a batch lookup. A page can be shorter than its request: unknown ids are
-// skipped. Used by one thread at a time.
+// skipped. It stands before the first page until fill_next_page is called. Used by one thread at a time.
 class batch_find_result_t {
  public:
   virtual ~batch_find_result_t() = default;
