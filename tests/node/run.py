@@ -17,12 +17,12 @@ sys.path.insert(0, HERE)
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("-v", "--verbose", action="store_true")
-    parser.add_argument("-k", dest="pattern", help="only tests whose full name holds this text")
+    parser.add_argument("-k", dest="patterns", action="append", help="only tests whose full name holds this text")
     parser.add_argument("modules", nargs="*")
     args = parser.parse_args()
     loader = unittest.TestLoader()
-    if args.pattern:
-        loader.testNamePatterns = ["*%s*" % args.pattern]
+    if args.patterns:
+        loader.testNamePatterns = ["*%s*" % p for p in args.patterns]
     if args.modules:
         names = [os.path.basename(m)[:-3] if m.endswith(".py") else m for m in args.modules]
         suite = loader.loadTestsFromNames(names)
