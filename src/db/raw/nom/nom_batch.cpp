@@ -22,6 +22,7 @@ constexpr char TAG_MERGE = 0x2;
 constexpr char TAG_FAMILY_MERGE = 0x6;
 constexpr size_t MAX_VARINT_LEN = 5;
 constexpr size_t SMALL_SORT = 192;             // below: a comparison sort is faster
+constexpr size_t FULL_BATCH_LEN = 1u << 20;    // as large as a memtable, which changes only between batches
 constexpr size_t KEPT_BUFFER_LEN = 16u << 20;  // a larger buffer is given back after use
 
 char *put_varint(char *at, uint32_t value) {
@@ -112,6 +113,7 @@ void batch_builder_c::start(std::span<const uint32_t> family_ids) {
   m_num_families = static_cast<uint32_t>(family_ids.size());
   m_refs.resize(m_num_families);
   for (auto &refs : m_refs) refs.clear();
+  start_batch();
 }
 
 void batch_builder_c::start_batch() {
@@ -175,6 +177,12 @@ void batch_builder_c::write_batch(const write_f &write) {
   memset(m_batch.data(), 0, BATCH_HEADER_LEN);
   memcpy(m_batch.data() + 8, &m_operands, sizeof m_operands);
   write({m_batch.data(), m_used}, m_operands);
+  start_batch();
+}
+
+void batch_builder_c::finish(const write_f &write) {
+  if (m_operands != 0) write_batch(write);
+  if (m_batch.size() > KEPT_BUFFER_LEN) m_batch = {};
 }
 
 void batch_builder_c::write_numeric(std::span<const nom_sample_t> samples, const write_f &write) {
@@ -182,14 +190,13 @@ void batch_builder_c::write_numeric(std::span<const nom_sample_t> samples, const
     auto &refs = m_refs[family];
     if (refs.empty()) continue;
     sort_refs(&refs, &m_scratch);
-    start_batch();
     for (size_t begin = 0, end; begin < refs.size(); begin = end) {
       for (end = begin + 1; end < refs.size() && same_key(refs[begin], refs[end]);) ++end;
       append_group(m_family_ids[family], {&refs[begin], end - begin}, samples);
+      if (m_used >= FULL_BATCH_LEN) write_batch(write);
     }
-    write_batch(write);
   }
-  if (m_batch.size() > KEPT_BUFFER_LEN) m_batch = {};
+  finish(write);
 }
 
 void batch_builder_c::write_each(const std::function<void(uint32_t index, std::string *operand)> &fill,
@@ -199,16 +206,15 @@ void batch_builder_c::write_each(const std::function<void(uint32_t index, std::s
     auto &refs = m_refs[family];
     if (refs.empty()) continue;
     sort_refs(&refs, &m_scratch);
-    start_batch();
     for (const sample_ref_t &ref : refs) {
       operand.clear();
       fill(ref.index, &operand);
       operand[0] = static_cast<char>(record_checksum(operand.data(), operand.size()));
       memcpy(append_operand(m_family_ids[family], ref, operand.size()), operand.data(), operand.size());
+      if (m_used >= FULL_BATCH_LEN) write_batch(write);
     }
-    write_batch(write);
   }
-  if (m_batch.size() > KEPT_BUFFER_LEN) m_batch = {};
+  finish(write);
 }
 
 }  // namespace velmar_db_raw_nom

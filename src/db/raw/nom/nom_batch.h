@@ -1,6 +1,7 @@
 #pragma once
-// A set of samples turned into RocksDB write batches, one per column family: the samples of one metric and
-// hour become one merge operand, in the order they came; operands are in key order. One thread at a time.
+// A set of samples turned into RocksDB write batches: the samples of one metric and hour become one merge
+// operand, in the order they came; operands are in key order, family by family. A set makes one batch, since
+// each costs a write to the log, and more only when it is large. One thread at a time.
 
 #include <cstdint>
 #include <functional>
@@ -57,6 +58,7 @@ class batch_builder_c {
   void append_group(uint32_t family_id, std::span<const sample_ref_t> group,
                     std::span<const db::raw::nom_sample_t> samples);
   void write_batch(const write_f &write);
+  void finish(const write_f &write);
 
   std::vector<uint32_t> m_family_ids;
   uint32_t m_num_families = 0;
