@@ -40,9 +40,10 @@ TEST_F(time_text_test, a_base_and_signed_durations) {
   EXPECT_EQ(expression("1600000000.5-1d 12 h30m"), 1'600'000'000'500 - (36 * hour + hour / 2));
   EXPECT_EQ(expression(".5+1s"), 1500);
   EXPECT_EQ(expression("5."), 5000);
-  for (const char *text : {"", " ", "-", "now-", "now -1", "1h", "now 1h", "now--1h", "now-1h-1h",
-                           "now-1parsec", "now-500ms", "now-1.5h", "x", "now+99999999999999999999s",
-                           "now-300000000y", "99999999999999999999", "9007199254741", "9007199254740+1d", "nownow"})
+  for (const char *text :
+       {"", " ", "-", "now-", "now -1", "1h", "now 1h", "now--1h", "now-1h-1h", "now-1parsec", "now-500ms",
+        "now-1.5h", "x", "now+99999999999999999999s", "now-300000000y", "99999999999999999999", "9007199254741",
+        "9007199254740+1d", "nownow"})
     EXPECT_EQ(expression(text), std::nullopt) << text;
 }
 
