@@ -24,6 +24,10 @@ void http_connections_wind_up(bool on) {
   winding_up = on;
 }
 
+bool http_connections_winding_up() {
+  return winding_up.load(std::memory_order_relaxed);
+}
+
 krel_http_connection_t::~krel_http_connection_t() {
   if (event) krelev_free(event);
 }
@@ -123,7 +127,8 @@ int krel_http_connection_t::wait_mask() {
       const bool waiting = input.staged() > 0 || input.unparsed() > 0 || transport->pending();
       if ((mask & KRELEV_READ) && (mask & KRELEV_WRITE) == 0 && waiting) mask |= KRELEV_WRITE;
       if (mask & KRELEV_READ) mask = (mask & ~KRELEV_READ) | transport->read_needs();
-      return (mask & (KRELEV_READ | KRELEV_WRITE)) | to_write;
+      mask = (mask & (KRELEV_READ | KRELEV_WRITE)) | to_write;
+      return mask ? mask : KRELEV_READ;
     }
     case http_state_e::header:
       // Deadlines of reading are set where reading stopped.
@@ -210,7 +215,7 @@ krel_http_connection_t::step_e krel_http_connection_t::read_header_bytes() {
     if (!send()) return step_e::next;
     if (!out.empty()) return step_e::wait;
   }
-  if (!session && winding_up.load(std::memory_order_relaxed)) return die();
+  if (!session && http_connections_winding_up()) return die();
   ssize_t n = HTTP_AGAIN;
   if (!input.short_read() || transport->pending()) n = input.fill_header(*transport);
   if (n > 0) return step_e::next;

@@ -113,5 +113,6 @@ struct krel_http_connection_t {
 krel_http_connection_t *http_connection_of(http_wheel_entry_t *entry);
 // Takes a connected non-blocking stream over and serves it on that loop thread.
 void http_connection_serve(std::unique_ptr<http_transport_c> transport, pthread_t owner);
-// From now on every response ends its connection, and idle connections end.
+// From now on every response ends its connection.
 void http_connections_wind_up(bool on);
+bool http_connections_winding_up();

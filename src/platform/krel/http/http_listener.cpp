@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/krel/base/krel_log.h"
+#include "platform/krel/base/krel_util.h"
 #include "platform/krel/base/thread_annotations.h"
 #include "platform/krel/http/http_connection.h"
 #include "platform/krel/http/http_files.h"
@@ -34,9 +35,12 @@ struct listener_t {
   http_tls_context_t *tls = nullptr;
   krel_accept_callback_t accept = nullptr;  // null: HTTP
   krel_conf_section_t section;
-  int next_owner = 0;
+  unsigned next_owner = 0;
+  int spare_fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  uint64_t complained_ms = 0;
   ~listener_t() {
     if (fd >= 0) ::close(fd);
+    if (spare_fd >= 0) ::close(spare_fd);
     http_tls_context_free(tls);
   }
 };
@@ -54,21 +58,26 @@ std::string peer_text(const struct sockaddr_storage &address, socklen_t length) 
   return std::string(host) + ":" + port;
 }
 
-// Out of descriptors: a waiting client is let in by a spare one and turned away, so that the listener
-// neither spins nor leaves it hanging.
-void turn_one_away(int listening) {
-  static int spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);  // the first loop's thread alone
-  ::close(spare);
-  const int fd = ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
+// Out of descriptors: a waiting client is let in by the spare one and turned away, so that the listener
+// neither spins nor leaves it hanging. On the first loop's thread alone.
+void turn_one_away(listener_t *listener) {
+  const int error = errno;
+  const uint64_t now_ms = krel_now_ms();
+  if (now_ms - listener->complained_ms >= 1000)
+    krel_log(krel_error, "accept on port %d: %s: clients are turned away\n", listener->port, strerror(error));
+  listener->complained_ms = now_ms;
+  if (listener->spare_fd >= 0) ::close(listener->spare_fd);
+  const int fd = ::accept4(listener->fd, nullptr, nullptr, SOCK_CLOEXEC);
   if (fd >= 0) ::close(fd);
-  spare = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  listener->spare_fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
 void serve(listener_t *listener, int fd, const struct sockaddr_storage &peer, socklen_t length) {
   if (listener->accept) return listener->accept(fd, peer_text(peer, length), &listener->section);
   auto transport = listener->tls ? http_tls_transport(fd, listener->tls) : http_plain_transport(fd);
   if (transport)
-    http_connection_serve(std::move(transport), krelev_choose_owner(listener->next_owner++ & 0xffff));
+    http_connection_serve(std::move(transport),
+                          krelev_choose_owner(static_cast<int>(listener->next_owner++ & 0xffff)));
 }
 
 int on_acceptable(krelev_event_t, int, void *closure, const struct timeval *) {
@@ -81,8 +90,8 @@ int on_acceptable(krelev_event_t, int, void *closure, const struct timeval *) {
     if (fd >= 0) {
       serve(listener, fd, peer, length);
     } else if (errno == EMFILE || errno == ENFILE) {
-      krel_log(krel_error, "accept: %s: a client is turned away\n", strerror(errno));
-      turn_one_away(listener->fd);
+      turn_one_away(listener);
+      break;
     } else if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINVAL) {
       break;  // EINVAL: shut down
     }

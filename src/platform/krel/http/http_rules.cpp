@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 
 #include "platform/krel/base/krel_log.h"
 #include "platform/krel/base/thread_annotations.h"
@@ -205,7 +206,13 @@ int http_rules_run_hooks(krel_http_rest_closure_t *restc) {
 void http_rules_run_response_hooks(krel_http_session_t *session) {
   const hooks_t *hooks = hooks_in_force.load(std::memory_order_acquire);
   if (!hooks) return;
-  for (const auto &[name, hook] : hooks->response_starting) hook(session);
+  for (const auto &[name, hook] : hooks->response_starting) {
+    try {
+      hook(session);
+    } catch (const std::exception &e) {
+      krel_log(krel_error, "http: the response hook %s threw: %s\n", name.c_str(), e.what());
+    }
+  }
 }
 
 // ---- the public face

@@ -27,6 +27,7 @@ void before_header(krel_http_session_t *session) {
     http_rules_run_response_hooks(session);
   }
   if (response.status == 0) response.status = 200;
+  if (http_connections_winding_up()) response.close = true;
   const krel_http_request_t &request = session->request;
   if (request.message_complete) return;
   const bool short_rest = !request.chunked && request.body_left() <= keep_alive_unread;

@@ -39,6 +39,12 @@ std::string get(const std::string &target, const std::string &headers = "") {
   return "GET " + target + " HTTP/1.1\r\nHost: h\r\n" + headers + "\r\n";
 }
 
+// A literal with the zero bytes inside it.
+template <size_t size>
+std::string whole(const char (&literal)[size]) {
+  return std::string(literal, size - 1);
+}
+
 std::string body_of(const std::string &response) {
   const size_t at = response.find("\r\n\r\n");
   return at == std::string::npos ? "no end of header" : response.substr(at + 4);
@@ -148,9 +154,9 @@ TEST_F(http_connection, what_two_readers_could_see_differently_is_refused) {
       {"GET /hello HTTP/1.1\r\n Host: h\r\n\r\n", 400},
       {"GET /hello HTTP/1.1\nHost: h\n\n", 400},
       {"GET /hello HTTP/1.1\r\nHost: h\r\nX: a\rb\r\n\r\n", 400},
-      {std::string("GET /hello HTTP/1.1\r\nHost: h\r\nX: a\0b\r\n\r\n", 44), 400},
-      {std::string("GET /he\0llo HTTP/1.1\r\nHost: h\r\n\r\n", 34), 400},
-      {std::string("GET /hello HTTP/1.1\r\nHost: h\r\nX\0: a\r\n\r\n", 40), 400},
+      {whole("GET /hello HTTP/1.1\r\nHost: h\r\nX: a\0b\r\n\r\n"), 400},
+      {whole("GET /he\0llo HTTP/1.1\r\nHost: h\r\n\r\n"), 400},
+      {whole("GET /hello HTTP/1.1\r\nHost: h\r\nX\0: a\r\n\r\n"), 400},
       {"GET /hello HTTP/1.1\r\nHost: h\r\nX: a\x01\r\n\r\n", 400},
       {"GET /hello HTTP/1.1\r\n: a\r\nHost: h\r\n\r\n", 400},
       {"GET /hello HTTP/1.1\r\n\r\n", 400},

@@ -281,6 +281,8 @@ TEST_F(http_threads, an_orderly_stop_serves_what_is_under_way) {
   EXPECT_FALSE(http_test_client_c(server.port).connected());
   EXPECT_EQ(krel_http_requests_in_flight(), 1u);
   go = true;
-  EXPECT_THAT(busy.rest(), EndsWith("served"));  // and then the connection ends
+  const std::string answer = busy.rest();
+  EXPECT_THAT(answer, EndsWith("served"));
+  EXPECT_THAT(answer, HasSubstr("Connection: close\r\n"));
   EXPECT_EQ(krel_http_requests_in_flight(), 0u);
 }
