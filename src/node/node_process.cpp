@@ -9,6 +9,10 @@
 
 #include "be/common/accept.h"
 #include "be/ingestion/rest_ingestion.h"
+#include "be/raw/raw_mgr.h"
+#include "be/raw/rest_raw_get.h"
+#include "be/raw/rest_raw_put.h"
+#include "global/velmar_global_db.h"
 #include "global/velmar_global_state.h"
 #include "ingestion/metric_validation.h"
 #include "libvelmar/topo/topo.h"
@@ -156,13 +160,19 @@ int init_topology() {
 
 void init_stores() {
   velmar_global_locators_init();
+  velmar_global_db_init(settings.node_id.c_str(), settings.ephemeral);
   db::ingestion::metric_validation_init();
+  if (!settings.ephemeral) rest_raw_mgr_init(settings.node_id.c_str());
   replicate_mgr_rest_init(settings.ephemeral, velmar_version());
 }
 
 void init_routes() {
+  rest_raw_get_init();
   http_response_starting_hook_register("x-topo", inject_x_topo);
-  if (!settings.ephemeral) rest_ingestion_control_init();
+  if (!settings.ephemeral) {
+    rest_ingestion_control_init();
+    rest_raw_put_init();
+  }
   replicate_mgr_register_web_ui();
 }
 
@@ -179,6 +189,7 @@ int child_main() {
   }
   velmar_global_setup();
   velmar_global_start();
+  velmar_global_rocksdb_init();
   if (const int status = check_standalone()) return status;
   init_framework();
 
@@ -190,6 +201,8 @@ int child_main() {
   krel_watchdog_enable_all();
   init_routes();
   if (velmar_initialized_hook_invoke() == 2) krel_fatal("Some module aborted during initialization.\n");
+  krel_main_on_shutdown("surrogate database", velmar_global_db_close);
+  krel_main_on_shutdown("raw stores", rest_raw_mgr_close);
   krel_main_on_shutdown("listeners", drain_requests);
   krel_listener_init(APP);
   krel_log(krel_notice, "Finish velmard initialization sequence\n");
