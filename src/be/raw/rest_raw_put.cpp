@@ -143,7 +143,8 @@ void rest_raw_put_closure_t::chunk_ended(size_t charge) {
 void rest_raw_put_closure_t::start_chunk() {
   m_chunks.fetch_add(1);
   m_granted = false;
-  auto *chunk = new chunk_t{this, std::move(m_chunk), m_chunk.size(), nullptr};
+  const size_t charge = m_chunk.size();
+  auto *chunk = new chunk_t{this, std::move(m_chunk), charge, nullptr};
   m_chunk.clear();
   chunk->joiner = libvelmar_join_create_child(request->joiner, chunk_t::stored, chunk);
   // leaves the loop, reaches a thread of the parse queue
