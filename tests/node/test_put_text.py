@@ -78,8 +78,8 @@ class PutText(NodeTest):
         self.assertEqual(self.node.request("GET", "/raw").status, 405)
 
     def test_lengths(self):
-        """Names up to 4096 bytes; a line beyond the read buffer is one error, what follows it is taken."""
-        longest, too_long = "n" * 4096, "n" * 4097
+        """Names up to 4095 bytes; a line beyond the read buffer is one error, what follows it is taken."""
+        longest, too_long = "n" * 4095, "n" * 4096
         self.taken(self.node.post_raw([line(longest, self.now, 1), line(too_long, self.now, 1)]), 1, errors=1)
         self.assertEqual(self.node.samples(longest), [[self.now * 1000, 1]])
         huge = line("h" * (3 << 20), self.now, 1)

@@ -51,6 +51,7 @@ bool rest_raw_mgr_is_local(const velmar_metric_locator_t *locator) {
 
 batch_add_e raw_batch_add_numeric(raw_batch_t *batch, known_metrics_c *known, const metric_name_t &name,
                                   uint64_t time_ms, const dorn_record_m_value_t &value, uint16_t generation) {
+  if (name.name.empty()) return batch_add_e::bad_name;  // nobody could ask for it
   batch_numeric_t numeric;
   uint64_t id = 0;
   if (known_metrics_c::entry_t *entry = known->find(name)) {
