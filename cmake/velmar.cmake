@@ -60,6 +60,8 @@ function(velmar_add_tests)
       add_executable(${name}_test ${tests})
       target_include_directories(${name}_test PRIVATE "${CMAKE_SOURCE_DIR}/tests")
       target_link_libraries(${name}_test PRIVATE velmar_${name} GTest::gmock_main)
+      # tests of every build are compiled quickly; what they test is not
+      target_compile_options(${name}_test PRIVATE -O0 -g1)
       set_target_properties(${name}_test PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests")
       add_test(NAME ${name} COMMAND ${name}_test)
       set_tests_properties(${name} PROPERTIES TIMEOUT 300)
