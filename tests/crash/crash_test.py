@@ -32,6 +32,7 @@ STEADY = 15          # steady metrics of a connection
 NEW_PER_REQUEST = 3  # metrics that a request brings in
 NEW_REQUESTS = 40    # of a connection in a round; later requests repeat its metrics
 READ_ALL_UP_TO = 4000
+READERS = 16
 START_MARKS = ("", "Booting Velmar Node", "Begin velmard initialization sequence", "listening on",
                "Finish velmard initialization sequence")
 
@@ -221,7 +222,7 @@ class CrashTest:
                     raise AssertionError("%s at %d: read back as %r" % (metric.name, when, value))
             return len(metric.acknowledged)
 
-        with concurrent.futures.ThreadPoolExecutor(4) as pool:
+        with concurrent.futures.ThreadPoolExecutor(READERS) as pool:
             samples = sum(pool.map(read, metrics))
         return len(metrics), samples
 
