@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-int test_upload_t::living = 0;
+std::atomic<int> test_upload_t::living{0};
 
 namespace {
 

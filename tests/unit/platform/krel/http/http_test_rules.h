@@ -1,6 +1,7 @@
 #pragma once
 // Rules that the tests of this room talk to.
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -9,7 +10,7 @@
 
 // The body read so far; a handler's own state.
 struct test_upload_t {
-  static int living;  // call_closure_free must run for each
+  static std::atomic<int> living;  // call_closure_free must run for each
   std::string body;
   test_upload_t() { living++; }
   ~test_upload_t() { living--; }
