@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -17,7 +18,8 @@ const size_t krelev_aco_stacks_c::k_size = 128 * 1024;
 namespace {
 
 constexpr size_t k_guard = 64 * 1024;  // more than a page: a large frame must not step over it
-constexpr size_t k_keep = 128;
+constexpr size_t k_keep = 64;
+constexpr size_t k_trim_at_once = 128;  // a loop stands still meanwhile
 
 void unmap(void *stack) {
   krelev_forget_frames(stack, krelev_aco_stacks_c::k_size);
@@ -34,6 +36,7 @@ void *krelev_aco_stacks_c::take() {
   if (!m_kept.empty()) {
     void *stack = m_kept.back();
     m_kept.pop_back();
+    m_unneeded = std::min(m_unneeded, m_kept.size());
     return stack;
   }
   void *mapping =
@@ -46,7 +49,15 @@ void *krelev_aco_stacks_c::take() {
 }
 
 void krelev_aco_stacks_c::give(void *stack) {
-  if (m_kept.size() >= k_keep) return unmap(stack);
   krelev_forget_frames(stack, k_size);
   m_kept.push_back(stack);
+}
+
+void krelev_aco_stacks_c::trim() {
+  for (size_t excess = std::min((m_unneeded + 1) / 2, k_trim_at_once); excess > 0 && m_kept.size() > k_keep;
+       --excess) {
+    unmap(m_kept.back());
+    m_kept.pop_back();
+  }
+  m_unneeded = m_kept.size();
 }

@@ -19,31 +19,37 @@ keys_t &keys() {
   return *k;
 }
 
-// Returns once every loop has run what was posted to it before.
-void pass_all_loops(krelev_pools_c &pools) {
+// Returns once every loop has run what was posted to it before; gives the number of tasks that did it.
+uint64_t pass_all_loops(krelev_pools_c &pools) {
+  uint64_t tasks = 0;
   for (const auto &pool : pools.pools()) {
     for (const auto &loop : pool->loops) {
       std::promise<void> passed;
       krelev_post_on(loop.get(), [&passed] { passed.set_value(); });
       passed.get_future().wait();
+      ++tasks;
     }
   }
+  return tasks;
 }
 
-// Jobs make posts and posts make jobs: until a pass over both has made no job more. Something that goes
-// on for ever (a job per timer) is left after a hundred passes.
+// Jobs make posts and posts make jobs: until a pass over all has come upon nothing but itself. What goes
+// on for ever (a job per turn) is left after a hundred passes.
 void settle(krelev_pools_c &pools) {
   constexpr int k_passes = 100;
-  uint64_t before = UINT64_MAX;
+  auto so_far = [&pools] {
+    uint64_t sum = krelev_jobqs_c::get().added();
+    for (const auto &pool : pools.pools())
+      for (const auto &loop : pool->loops) sum += loop->tasks();
+    return sum;
+  };
+  uint64_t expected = UINT64_MAX;
   for (int pass = 0; pass < k_passes; ++pass) {
     krelev_jobqs_c::get().wait_all_idle();
-    if (pools.started()) {
-      pass_all_loops(pools);
-      pass_all_loops(pools);
-    }
-    uint64_t total = krelev_jobqs_c::get().total();
-    if (total == before) return;
-    before = total;
+    uint64_t own = pools.started() ? pass_all_loops(pools) : 0;
+    uint64_t now = so_far();
+    if (now == expected + own) return;
+    expected = now;
   }
 }
 

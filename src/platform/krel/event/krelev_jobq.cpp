@@ -165,7 +165,9 @@ void krelev_jobq_t::set_idle_limit(uint64_t ns) {
 void krelev_jobq_t::wait_idle() {
   krel_lock_c lock(m_mutex);
   ++m_watchers;
-  while (m_running > 0 || m_backlog.load(std::memory_order_relaxed) > 0) m_changed.wait(lock);
+  while (!m_shut.load(std::memory_order_relaxed) &&
+         (m_running > 0 || m_backlog.load(std::memory_order_relaxed) > 0))
+    m_changed.wait(lock);
   --m_watchers;
 }
 
@@ -180,6 +182,7 @@ void krelev_jobq_t::shutdown() {
     m_changed.wait(lock);
   }
   m_shut.store(true, std::memory_order_release);
+  m_changed.notify_all();
   publish_want();
   for (const auto &worker : m_workers)
     if (worker->thread.joinable()) worker->thread.join();

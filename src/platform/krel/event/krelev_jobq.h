@@ -55,7 +55,7 @@ struct krelev_jobq_t {
   void set_max_backlog(uint32_t jobs) { m_max_backlog.store(jobs, std::memory_order_relaxed); }
   void set_idle_limit(uint64_t ns) EXCLUDES(m_mutex);  // after which a thread above the floor ends
 
-  void wait_idle() EXCLUDES(m_mutex);  // until nothing is queued or running
+  void wait_idle() EXCLUDES(m_mutex);  // until nothing is queued or running, or it is shut
   void shutdown() EXCLUDES(m_mutex);   // runs what is queued, joins the threads; once or more
   krelev_jobq_figures_t figures() const EXCLUDES(m_mutex);
 
@@ -130,7 +130,7 @@ class krelev_jobqs_c {
   krelev_jobq_t *default_queue();  // asserts that krelev_init was called
   void destroy(krelev_jobq_t *jobq);
   void wait_all_idle();
-  uint64_t total();  // jobs run so far by all queues
+  uint64_t added();  // jobs so far, of all queues
   void shutdown_all();
   void destroy_all();
   std::vector<krelev_jobq_figures_t> figures();

@@ -50,10 +50,10 @@ void krelev_jobqs_c::wait_all_idle() {
   for (krelev_jobq_t *jobq : all()) jobq->wait_idle();
 }
 
-uint64_t krelev_jobqs_c::total() {
-  uint64_t total = 0;
-  for (const krelev_jobq_figures_t &figures : figures()) total += figures.total;
-  return total;
+uint64_t krelev_jobqs_c::added() {
+  uint64_t added = 0;
+  for (const krelev_jobq_figures_t &f : figures()) added += f.total + f.in_flight + f.backlog;
+  return added;
 }
 
 std::vector<krelev_jobq_figures_t> krelev_jobqs_c::figures() {

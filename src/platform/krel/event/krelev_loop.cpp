@@ -21,6 +21,7 @@ namespace {
 constexpr uint64_t k_longest_wait_ns = 1000000000;  // a loop beats at least once a second
 constexpr uint64_t k_recurrent_wait_ns = 10000000;
 constexpr uint64_t k_maintain_every_ns = 1000000;
+constexpr uint64_t k_trim_every_ns = 1000000000;
 constexpr uint64_t k_poll_every_ns = 20000;  // fds wait so long for a loop that is busy with tasks
 
 thread_local krelev_loop_c *t_current = nullptr;
@@ -30,6 +31,7 @@ event_base *new_base() {
   event_config *config = event_config_new();
   krel_assert(config != nullptr);
   event_config_set_flag(config, EVENT_BASE_FLAG_NOLOCK);
+  event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER);  // else moments are off by some milliseconds
   event_base *base = event_base_new_with_config(config);
   event_config_free(config);
   krel_assert(base != nullptr);
@@ -125,14 +127,14 @@ void krelev_loop_c::turn() {
 bool krelev_loop_c::run_inbox() {
   krelev_task_c *task = m_inbox.take_all();
   if (task == nullptr) return false;
-  uint64_t count = 0;
+  uint64_t before = tasks();
   while (task != nullptr) {
     krelev_task_c *next = task->next;
+    m_tasks.store(tasks() + 1, std::memory_order_release);
     task->run(*this);
     task = next;
-    ++count;
   }
-  m_events.store(events() + count, std::memory_order_relaxed);
+  m_events.store(events() + tasks() - before, std::memory_order_relaxed);
   return true;
 }
 
@@ -203,6 +205,9 @@ void krelev_loop_c::maintain(uint64_t now_ns) {
   if (now_ns - m_maintained_ns < k_maintain_every_ns) return;
   m_maintained_ns = now_ns;
   krel_memory_maintenance_ex(1);
+  if (now_ns - m_trimmed_ns < k_trim_every_ns) return;
+  m_trimmed_ns = now_ns;
+  m_aco_stacks->trim();
 }
 
 void krelev_loop_c::sleep_aco(krelev_aco_c *aco, uint64_t ns) {

@@ -57,6 +57,7 @@ class krelev_loop_c {
   pthread_t thread() const { return m_thread.load(std::memory_order_acquire); }
   void set_thread(pthread_t thread) { m_thread.store(thread, std::memory_order_release); }
   uint64_t events() const { return m_events.load(std::memory_order_relaxed); }
+  uint64_t tasks() const { return m_tasks.load(std::memory_order_acquire); }  // begun
   uint64_t turns() const { return m_turns.load(std::memory_order_relaxed); }
   uint64_t last_turn_ns() const { return m_last_turn_ns.load(std::memory_order_relaxed); }  // 0: not begun
 
@@ -99,6 +100,7 @@ class krelev_loop_c {
   uint64_t m_tick_ns = 0;  // when the tick is due, 0 when not armed
   uint64_t m_polled_ns = 0;
   uint64_t m_maintained_ns = 0;
+  uint64_t m_trimmed_ns = 0;
   bool m_stopping = false;
   krelev_spin_c m_spin;
   krelev_timers_c m_timers;
@@ -112,6 +114,7 @@ class krelev_loop_c {
   const std::string m_name;
   std::atomic<pthread_t> m_thread{};
   std::atomic<uint64_t> m_events{0};
+  std::atomic<uint64_t> m_tasks{0};
   std::atomic<uint64_t> m_turns{0};
   std::atomic<uint64_t> m_last_turn_ns{0};
 };

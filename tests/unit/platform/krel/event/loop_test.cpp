@@ -100,6 +100,20 @@ TEST(loop, owners_named_before_the_start_hold_after_it) {
   krelev_stop();
 }
 
+TEST(loop_death, the_first_loop_runs_on_the_thread_that_calls_krelev_loop) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto serve = [] {
+    krelev_config("concurrency", "3");
+    krelev_init();
+    pthread_t self = pthread_self();
+    // Ends the process from the loop while the other threads run, as an orderly shutdown does.
+    auto leave = [self] { exit(pthread_equal(pthread_self(), self) && krelev_in_loop() ? 7 : 1); };
+    krelev_jobq_run(nullptr, [leave] { krelev_post(krelev_choose_owner(0), leave); });
+    krelev_loop();
+  };
+  EXPECT_EXIT(serve(), testing::ExitedWithCode(7), "");
+}
+
 namespace {
 
 struct recurrent_t {

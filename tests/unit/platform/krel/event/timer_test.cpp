@@ -96,6 +96,7 @@ TEST(timer, a_timer_added_while_firing_waits_for_its_turn_and_an_earlier_one_sho
   ASSERT_TRUE(chain.fired.reaches(100));
   krelev_post(krelev_choose_owner(0), [&] { posted.add(); });  // the chain does not starve the loop
   EXPECT_TRUE(posted.reaches(1));
+  run.stop();
 }
 
 TEST(timer, cancel_gives_the_event_back_and_a_stale_handle_gives_false) {
