@@ -38,8 +38,7 @@ uint64_t known_metrics_c::hash_of(const metric_name_t &name) {
   uint64_t high, low;
   memcpy(&high, name.uuid, 8);
   memcpy(&low, name.uuid + 8, 8);
-  const uint64_t mixed =
-      (high ^ static_cast<uint64_t>(name.account_id) * 0x9e3779b97f4a7c15) * 0xff51afd7ed558ccd ^ low;
+  const uint64_t mixed = high * 0xff51afd7ed558ccd ^ low;
   return util::wyhash(name.name.data(), name.name.size()) ^ mixed * 0xc4ceb9fe1a85ec53;
 }
 
@@ -51,7 +50,8 @@ bool known_metrics_c::matches(const entry_t &entry, uint64_t hash, const metric_
   return size == name.name.size() &&
          memcmp(alias ? entry.alias() : immutable->key_mem, name.name.data(), size) == 0 &&
          memcmp(immutable->check_uuid, name.uuid, 16) == 0 &&
-         velmar_metric_locator_get_account_id(entry.locator) == name.account_id;
+         (name.account_id == ANY_ACCOUNT ||
+          velmar_metric_locator_get_account_id(entry.locator) == name.account_id);
 }
 
 known_metrics_c::entry_t *known_metrics_c::find(const metric_name_t &name) const {

@@ -19,6 +19,8 @@ struct topo_config;
 
 namespace be::raw {
 
+constexpr int32_t ANY_ACCOUNT = INT32_MIN;  // who asks does not know the account
+
 // What a sample says of its metric.
 struct metric_name_t {
   const uint8_t *uuid;  // 16 bytes

@@ -13,11 +13,13 @@
 #include "be/common/query_param.h"
 #include "be/hist/hist_stream.h"
 #include "be/raw/raw_mgr.h"
+#include "be/raw/raw_put_write.h"
 #include "db/raw/reader.h"
 #include "db/surrogate/surrogate.h"
 #include "libvelmar/topo/topo.h"
 #include "libvelmar/util/tolv_proxy_buffer.h"
 #include "platform/krel/base/krel_log.h"
+#include "platform/krel/base/krel_memory.h"
 #include "platform/krel/base/krel_util.h"
 #include "rest/rest_helpers.h"
 #include "rest/rest_result.h"
@@ -177,14 +179,30 @@ void sample_writer_c::add_histogram(uint64_t ts_ms, const dorn_record_m_value_t 
 
 // ---- the local read
 
+// The stored locator of the metric, or null. A metric that samples arrive for is found without a hop between
+// threads.
+metric_locator_sp find_canonical(const metric_locator_sp &locator) {
+  const velmar_metric_locator_t *l = locator.get();
+  {
+    const krel_memory_section_c section;
+    const be::raw::metric_name_t name{
+        velmar_metric_locator_get_check_uuid(l),
+        be::raw::ANY_ACCOUNT,
+        {velmar_metric_locator_get_name_with_tags(l), velmar_metric_locator_get_name_len_with_tags(l)}};
+    if (const auto *entry = be::raw::raw_mgr().known.find(name)) return metric_locator_sp(entry->locator);
+  }
+  const uint64_t id = velmar_global_surrogate_get_synch(locator);
+  return id ? velmar_global_surrogate_reverse_get_synch(id) : nullptr;
+}
+
 void read_local(raw_get_t *get) {
   const char *name = velmar_metric_locator_get_name_with_tags(get->locator.get());
   const db::raw::raw_shard_factory_c *factory =
       get->histogram ? rest_raw_mgr_get_histogram_factory() : rest_raw_mgr_get_numeric_factory();
   if (!factory)
     return get->fail(REST_SERVER_ERROR, fmt::format("not configured to store raw {} data", get->kind()));
-  const uint64_t id = velmar_global_surrogate_get_synch(get->locator);
-  const metric_locator_sp canonical = id ? velmar_global_surrogate_reverse_get_synch(id) : nullptr;
+  const metric_locator_sp canonical = find_canonical(get->locator);
+  const uint64_t id = canonical ? velmar_metric_locator_get_surrogate_id(canonical.get()) : 0;
   if (!canonical) return get->fail(REST_NOT_FOUND, fmt::format("{} not in surrogate-db.", name));
   const int wanted = get->histogram ? METRIC_TYPE_HISTOGRAM : METRIC_TYPE_NUMERIC;
   if (!(velmar_metric_locator_get_type(canonical.get()) & wanted))
