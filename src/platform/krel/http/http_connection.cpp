@@ -56,9 +56,14 @@ void krel_http_connection_t::arm(int mask) {
   krelev_add(event);
 }
 
-int krel_http_connection_t::on_event(krelev_event_t, int, void *closure, const struct timeval *) {
+int krel_http_connection_t::on_event(krelev_event_t event, int, void *closure, const struct timeval *) {
   auto *connection = static_cast<krel_http_connection_t *>(closure);
+  if (connection->state == http_state_e::parked) {
+    connection->armed = false;
+    return 0;
+  }
   const int mask = connection->run();
+  if (mask == PARKED) return krelev_get_mask(event);
   if (mask != GONE) return mask;
   delete connection;
   return 0;
@@ -105,6 +110,7 @@ int krel_http_connection_t::run() {
     if (step == step_e::next) continue;
     if (step == step_e::off) return 0;
     if (step == step_e::gone) return GONE;
+    if (step == step_e::parked) return PARKED;
     if (!out.empty() && !blocked && !send()) continue;
     return wait_mask();
   }
@@ -281,7 +287,7 @@ krel_http_connection_t::step_e krel_http_connection_t::step_handler() {
   // One that waits to write is called again when there is room for its writing.
   if (session->result != 0 && !session->request.aborted && out.size() >= HTTP_HIGH_WATER) return step_e::wait;
   session->result = session->call();
-  if (state == http_state_e::parked) return step_e::off;
+  if (state == http_state_e::parked) return step_e::parked;
   return after_handler();
 }
 
@@ -442,7 +448,7 @@ void krel_http_connection_t::come_back() {
   const int mask = state == http_state_e::gone ? GONE : run();
   if (mask == GONE)
     delete this;
-  else if (mask != 0)
+  else if (mask > 0)
     arm(mask);
 }
 
@@ -451,8 +457,6 @@ void krel_http_connection_t::park() {
   state = http_state_e::parked;
   if (!out.empty()) send();
   if (wheel.prev) loop->unlink(&wheel);
-  if (armed) krelev_remove_fd(event);
-  armed = false;
 }
 
 void krel_http_connection_t::resume(bool call_on) {
@@ -475,6 +479,8 @@ void krel_http_connection_t::resume(bool call_on) {
 
 krel_http_connection_t::step_e krel_http_connection_t::move(pthread_t owner) {
   park();
+  if (armed) krelev_remove_fd(event);
+  armed = false;
   krelev_set_owner(event, owner);
   krelev_post(owner, [this] {
     loop = http_loop_t::current();

@@ -4,8 +4,9 @@
 //   header -> handler <-> parked -> response -> (discard) -> header ...
 //                                            -> closing -> lingering -> gone
 //
-// parked: off the loop. The session then belongs to a job, or to a coroutine of the same thread, until
-// it is resumed; the connection's own thread touches nothing of it meanwhile.
+// parked: the session belongs to a job, or to a coroutine of the same thread, until it is resumed; the
+// connection's own thread touches nothing of it meanwhile. Its event leaves the loop only if it fires:
+// most clients wait for their answer, and then parking costs no system call.
 
 #include <pthread.h>
 
@@ -77,9 +78,9 @@ struct krel_http_connection_t {
 
   // Starts on the calling loop thread.
   void start();
-  // Goes as far as it can. The mask to wait for; 0: parked, or with another thread by now; GONE: to be
-  // deleted.
-  static constexpr int GONE = -1;
+  // Goes as far as it can. The mask to wait for, or: PARKED; GONE, to be deleted; 0, with another thread
+  // by now and not to be touched.
+  static constexpr int GONE = -1, PARKED = -2;
   int run();
   void on_deadline();
   bool send();  // as far as the socket takes; false when it is broken
@@ -89,7 +90,7 @@ struct krel_http_connection_t {
   void come_back();           // runs on and waits again, outside of the event's own callback
 
  private:
-  enum class step_e { next, wait, off, gone };
+  enum class step_e { next, wait, parked, off, gone };
 
   step_e step_header();
   step_e read_header_bytes();
