@@ -112,6 +112,7 @@ int krel_http_connection_t::run() {
     if (step == step_e::gone) return GONE;
     if (step == step_e::parked) return PARKED;
     if (!out.empty() && !blocked && !send()) continue;
+    if (out.empty()) settle();
     return wait_mask();
   }
 }
@@ -338,6 +339,11 @@ krel_http_connection_t::step_e krel_http_connection_t::end_request() {
     return step_e::next;
   }
   const bool unread = !request.message_complete;
+  // In flight until its answer is with the socket: a stop waits for that.
+  if (session->counted && !owes) {
+    session->counted = false;
+    owes = true;
+  }
   session->end();
   loop->give_session(std::move(session));
   input.end_request();
@@ -404,7 +410,13 @@ krel_http_connection_t::step_e krel_http_connection_t::step_lingering() {
 
 // ---- ends, pauses and moves
 
+void krel_http_connection_t::settle() {
+  if (owes) loop->in_flight.fetch_sub(1, std::memory_order_relaxed);
+  owes = false;
+}
+
 krel_http_connection_t::step_e krel_http_connection_t::die() {
+  settle();
   if (session) {
     session->end();
     loop->give_session(std::move(session));

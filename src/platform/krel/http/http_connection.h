@@ -72,6 +72,7 @@ struct krel_http_connection_t {
   bool moving = false;   // a handler asked for another owner
   bool blocked = false;  // the socket took no more
   bool close_after = false;
+  bool owes = false;       // an ended request is counted until its answer is sent
   bool armed = false;      // the event is on the loop
   bool timed_out = false;  // of a body
   uint64_t seen = 0;       // of the body when its deadline was set
@@ -106,6 +107,7 @@ struct krel_http_connection_t {
   step_e die();
   step_e end_request();
   int wait_mask();
+  void settle();
   void arm(int mask);
   static int on_event(krelev_event_t event, int mask, void *closure, const struct timeval *now);
 };
