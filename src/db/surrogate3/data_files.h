@@ -8,7 +8,8 @@ namespace db::surrogate3 {
 
 constexpr char REPAIR_SUFFIX[] = ".repair";    // set aside while its successor is being written
 constexpr char DAMAGED_SUFFIX[] = ".damaged";  // cut off by a crash, kept for inspection
-constexpr size_t MAX_FILES_AT_START = 32;      // of a kind; more are merged into one
+constexpr size_t MAX_FILES_AT_START = 32;      // of a kind; more are merged
+constexpr size_t MERGED_AT_START = 128 << 20;  // bytes, so that a start does not take long
 
 // Both directories, durable.
 void make_directories(const file_selection_strategy_c &fss);
@@ -20,7 +21,9 @@ void remove_empty_files(const file_selection_strategy_c &fss, spec_e spec);
 void set_cut_file_aside(const file_selection_strategy_c &fss, spec_e spec);
 // Renames files so that their ids count from 1 without gaps, in the order that they have.
 void resequence_files(const file_selection_strategy_c &fss, spec_e spec);
-// Writes one file in place of all when they are more than `limit`. On any failure the files stay as they are.
-void merge_files(const file_selection_strategy_c &fss, spec_e spec, size_t limit = MAX_FILES_AT_START);
+// When there are more than `limit` files, writes one in place of as many neighbours as fit into the budget of
+// bytes. On any failure the files stay as they are.
+void merge_files(const file_selection_strategy_c &fss, spec_e spec, size_t limit = MAX_FILES_AT_START,
+                 size_t byte_budget = MERGED_AT_START);
 
 }  // namespace db::surrogate3

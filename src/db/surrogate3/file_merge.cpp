@@ -1,7 +1,7 @@
-// Many small files become one. The newest file is set aside under a repair name while the merged one takes its
-// id; the older ones go when the merged one is durable. A start after a crash in between finds either the
-// repair name, restores it and has all the files as they were, or the merged file, whose records hide those of
-// the files not yet removed.
+// Many small files that follow each other in age become one. The newest of them is set aside under a repair
+// name while the merged one takes its id; the older ones go when the merged one is durable. A start after a
+// crash in between finds either the repair name, restores it and has all the files as they were, or the merged
+// file, whose records hide those of the files not yet removed.
 #include <algorithm>
 
 #include "db/surrogate3/codec/fbs_oil_encoder.h"
@@ -9,20 +9,27 @@
 #include "db/surrogate3/codec/oil_decoder_composite.h"
 #include "db/surrogate3/data_files.h"
 #include "platform/krel/base/krel_log.h"
-#include "util/io/file_mmap_allocator.h"
 
 namespace db::surrogate3 {
 
 namespace {
 
 using descriptors_t = std::set<data_file_descriptor_t>;
-// Buffers above this are kept in mapped files of their own.
-constexpr size_t HEAP_BUFFER_MAX = 256 << 20;
 
-size_t total_length(const descriptors_t &files) {
-  size_t sum = 0;
-  for (const data_file_descriptor_t &file : files) sum += file.length;
-  return sum;
+// The longest run of neighbours that is not larger than the budget in sum.
+descriptors_t choose_run(const descriptors_t &files, size_t byte_budget) {
+  auto begin = files.begin(), best_begin = begin, best_end = begin;
+  size_t sum = 0, count = 0, best_count = 0;
+  for (auto end = files.begin(); end != files.end(); ++end) {
+    sum += end->length;
+    ++count;
+    for (; sum > byte_budget; ++begin, --count) sum -= begin->length;
+    if (count <= best_count) continue;
+    best_count = count;
+    best_begin = begin;
+    best_end = std::next(end);
+  }
+  return {best_begin, best_end};
 }
 
 // Tombstones of ids that a newer file holds again would hide them in the merged file.
@@ -39,9 +46,9 @@ struct merged_t {
 };
 
 // By the precedence of lookups: the newest record of an id wins, a tombstone hides what is not newer.
-merged_t merge_metadata(const descriptors_t &files, util::mem::allocator_c *allocator) {
+merged_t merge_metadata(const descriptors_t &files) {
   merged_t merged;
-  auto encoder = std::make_unique<fbs_surrogate_encoder_c>(allocator);
+  auto encoder = std::make_unique<fbs_surrogate_encoder_c>();
   id_set_c tombstones, accepted;
   for (auto file = files.rbegin(); file != files.rend(); ++file) {
     decode_error_e error;
@@ -61,9 +68,9 @@ merged_t merge_metadata(const descriptors_t &files, util::mem::allocator_c *allo
   return merged;
 }
 
-merged_t merge_activity(const descriptors_t &files, util::mem::allocator_c *allocator) {
+merged_t merge_activity(const descriptors_t &files) {
   merged_t merged;
-  auto encoder = std::make_unique<fbs_oil_encoder_c>(allocator);
+  auto encoder = std::make_unique<fbs_oil_encoder_c>();
   std::vector<oil_decoder_sp> decoders;
   id_set_c tombstones, accepted;
   for (const data_file_descriptor_t &file : files) {
@@ -103,14 +110,12 @@ std::string replace_newest(const file_selection_strategy_c &fss, const data_file
 
 }  // namespace
 
-void merge_files(const file_selection_strategy_c &fss, spec_e spec, size_t limit) {
-  const descriptors_t files = fss.get_files(spec);
-  if (files.size() <= limit) return;
-  std::unique_ptr<util::mem::file_mmap_allocator_c> scratch;
-  if (total_length(files) > HEAP_BUFFER_MAX)
-    scratch = std::make_unique<util::mem::file_mmap_allocator_c>(fss.get_root_path() + "/scratch");
-  const merged_t merged =
-      spec == surrogate::metadata ? merge_metadata(files, scratch.get()) : merge_activity(files, scratch.get());
+void merge_files(const file_selection_strategy_c &fss, spec_e spec, size_t limit, size_t byte_budget) {
+  const descriptors_t all = fss.get_files(spec);
+  if (all.size() <= limit) return;
+  const descriptors_t files = choose_run(all, byte_budget);
+  if (files.size() < 2) return;
+  const merged_t merged = spec == surrogate::metadata ? merge_metadata(files) : merge_activity(files);
   if (!merged.encoder) return;  // the load that follows tells why
   const data_file_descriptor_t &newest = *files.rbegin();
   merged.encoder->commit(newest.file_id);

@@ -15,7 +15,7 @@ namespace {
 // What the files answered is remembered for this many metrics; it is 40 bytes each.
 constexpr size_t REMEMBERED_MAX = 16384;
 // A metric is read from a file once and then held here: the pages have done their work.
-constexpr size_t FILE_READS_BEFORE_RELEASE = 65536;
+constexpr size_t FILE_READS_BEFORE_RELEASE = 1024;
 
 stats_handle_t *register_gauge(uint32_t number, const char *name, const char *method) {
   stats_ns_t *ns = velmar_stats_get_ns("surrogate3.lookup_delegate");

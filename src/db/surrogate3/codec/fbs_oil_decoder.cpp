@@ -50,6 +50,7 @@ struct fbs_oil_decoder_c::tables_t {
 fbs_oil_decoder_c::fbs_oil_decoder_c(encoded_data_file_c data_file, decode_error_e *error)
     : _data_file(std::move(data_file)), _oils(std::make_unique<tables_t>(_data_file)) {
   *error = open();
+  _data_file.drop_resident_pages();  // the kernel maps more than was looked at
 }
 
 fbs_oil_decoder_c::~fbs_oil_decoder_c() = default;

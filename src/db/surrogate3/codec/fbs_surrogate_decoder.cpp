@@ -125,6 +125,7 @@ bool fbs_surrogate_decoder_c::tables_t::read_hash_table(const root_t *root) {
 fbs_surrogate_decoder_c::fbs_surrogate_decoder_c(encoded_data_file_c data_file, decode_error_e *error)
     : _data_file(std::move(data_file)), _d(std::make_unique<tables_t>(_data_file)) {
   *error = open();
+  _data_file.drop_resident_pages();  // the kernel maps more than was looked at
 }
 
 fbs_surrogate_decoder_c::~fbs_surrogate_decoder_c() = default;

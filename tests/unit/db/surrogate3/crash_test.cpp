@@ -10,7 +10,7 @@ namespace db::surrogate3 {
 
 namespace {
 
-constexpr int ROUNDS = 4, METRICS = 6;
+constexpr int ROUNDS = 3, METRICS = 6;
 
 // Each round writes some new and some known metrics with the round as their account, and erases one.
 void scenario(const std::string &root, fault_files_c &files, const dying_child_c::report_f &report) {
@@ -95,9 +95,9 @@ TEST(Crash, PowerCutAtEveryStep) {
           &finished);
       const log_capture_c log("error");
       verify(dir / "db", acknowledged_t(lines));
-      verify(dir / "db", acknowledged_t(lines));  // and the start after that
+      if (step % 8 == 0) verify(dir / "db", acknowledged_t(lines));  // and the start after that
     }
-    EXPECT_GT(step, 40u);
+    EXPECT_GT(step, 30u);
   }
 }
 

@@ -56,6 +56,8 @@ inline metric_result_t write_metric(surrogate::writer_asynch_c &writer, const me
 inline std::unique_ptr<coordinator_c> open_database(const std::string &root, uint32_t num_threads = 2,
                                                     util::io::files_c &files = util::io::system_files(),
                                                     size_t max_page_size = 7) {
+  static const bool silenced = (krel_log_stream_switch("notice", false), true);
+  (void)silenced;
   coordinator_config_t config;
   config.num_threads = num_threads;
   config.max_page_size = max_page_size;

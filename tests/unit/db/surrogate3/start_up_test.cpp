@@ -132,6 +132,29 @@ TEST(StartUp, ManyFilesBecomeOne) {
   EXPECT_EQ(file_ids(dir.path(), surrogate::metadata), (std::vector<uint64_t>{1, 2}));
 }
 
+TEST(StartUp, AMergeLeavesLargeFilesAlone) {
+  const temp_dir_c dir;
+  write_one_per_commit(dir.path(), 1, 2);
+  {
+    const auto database = open_database(dir.path());
+    std::vector<metric_write_t> many;
+    for (int i = 1; i <= 100; ++i) many.push_back({make_metric("m" + std::to_string(i), 1, 5)});
+    write_metrics(*database, many);
+    for (int i = 1; i <= 3; ++i) write_metric(*database, make_metric("m" + std::to_string(i), 1, 6));
+    database->batch_erase(std::vector<uint64_t>{2, 50});
+  }
+  const dir_based_file_selection_strategy_c fss(dir / "flatbuffers");
+  const auto expected = contents(fss);
+  const log_capture_c log("notice");
+  merge_files(fss, surrogate::metadata, 7, 8000);
+  EXPECT_EQ(fss.get_files(surrogate::metadata).size(), 7u);
+  merge_files(fss, surrogate::metadata, 6, 8000);  // the four behind the large one
+  std::vector<uint64_t> ids;
+  for (const auto &file : fss.get_files(surrogate::metadata)) ids.push_back(file.file_id);
+  EXPECT_EQ(ids, (std::vector<uint64_t>{1, 2, 3, 7}));
+  EXPECT_EQ(contents(fss), expected);
+}
+
 TEST(StartUp, AMergeMayDieOrFailAtAnyStep) {
   const temp_dir_c original;
   {
