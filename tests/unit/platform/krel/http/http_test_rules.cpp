@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "platform/krel/http/http_connection.h"
+
 std::atomic<int> test_upload_t::living{0};
 
 namespace {
@@ -108,6 +110,7 @@ int silent(krel_http_rest_closure_t *, int, char **) {
 
 void http_test_register_rules() {
   http_rules_clear();
+  http_connections_wind_up(false);  // an earlier test has stopped its server
   krel_http_rest_register("GET", "/hello", "^$", hello);
   krel_http_rest_register("GET", "/name/", "^(.*)/(\\d*)$", name);
   krel_http_rest_register("GET", "/query", "^$", query);
