@@ -103,10 +103,15 @@ void load_sender_c::send(connection_result_t *result) {
   const uint64_t total = result->series * m_options.steps;
   const double own_rate =
       m_options.rate * static_cast<double>(result->series) / static_cast<double>(m_options.series);
+  // connections take turns, as clients that know nothing of each other would
+  const double turn = static_cast<double>(result->first_series) / static_cast<double>(m_options.series);
   int failed_in_a_row = 0;
   for (uint64_t from = 0, batch = 0; from < total; from += m_options.batch, batch++) {
     const uint64_t count = std::min(m_options.batch, total - from);
-    const double due = own_rate > 0 ? m_begin + static_cast<double>(from) / own_rate : 0;
+    const double due =
+        own_rate > 0
+            ? m_begin + (static_cast<double>(from) + turn * static_cast<double>(m_options.batch)) / own_rate
+            : 0;
     sleep_until(due);
     if (send_batch(&client, encoder.get(), from, count, due, result)) {
       failed_in_a_row = 0;
