@@ -20,7 +20,8 @@ class nnt_accumulator_c {
 
   // The last sample before the span: it gives the first one in it a rate. A null is passed over.
   void set_prev(const metric_value_t &value);
-  // A sample outside the span is passed over; so is a null. Any numeric type; times never go back.
+  // A sample outside the span is passed over; so are a null and one before its
+  // predecessor. Any numeric type; others are fatal.
   void add(const metric_value_t &value);
 
   size_t get_period_count() const;

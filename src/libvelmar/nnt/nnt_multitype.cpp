@@ -21,6 +21,23 @@ int sum(int a, int b) {
   return static_cast<int>(static_cast<unsigned>(a) + static_cast<unsigned>(b));
 }
 
+double number(nnt_type_t type, const nnt_value_t &value, double otherwise) {
+  switch (type) {
+    case NNT_TYPE_INT32:
+      return value.v_int32;
+    case NNT_TYPE_UINT32:
+      return value.v_uint32;
+    case NNT_TYPE_INT64:
+      return static_cast<double>(value.v_int64);
+    case NNT_TYPE_UINT64:
+      return static_cast<double>(value.v_uint64);
+    case NNT_TYPE_DOUBLE:
+      return value.v_double;
+    default:
+      return otherwise;
+  }
+}
+
 // A square in float, as stored deviations enter a second moment.
 double square(float x) {
   const float squared = x * x;
@@ -115,20 +132,7 @@ nnt_type_t metric_to_nnt_type(velmar_metric_type_t type) {
 }
 
 double nnt_multitype_double(const nnt_multitype &cell) {
-  switch (cell.type) {
-    case NNT_TYPE_INT32:
-      return cell.value.v_int32;
-    case NNT_TYPE_UINT32:
-      return cell.value.v_uint32;
-    case NNT_TYPE_INT64:
-      return static_cast<double>(cell.value.v_int64);
-    case NNT_TYPE_UINT64:
-      return static_cast<double>(cell.value.v_uint64);
-    case NNT_TYPE_DOUBLE:
-      return cell.value.v_double;
-    default:
-      return 0;
-  }
+  return number(cell.type, cell.value, 0);
 }
 
 void nnt_multitype_set_mean(nnt_multitype *cell, double mean) {
@@ -153,10 +157,8 @@ void nnt_multitype_set_mean(nnt_multitype *cell, double mean) {
 }
 
 double metric_value_double(const metric_value_t &value) {
-  nnt_multitype cell{};
-  cell.type = value.is_null ? NNT_TYPE_NULL : metric_to_nnt_type(value.type);
-  cell.value = value.storage;
-  return cell.type == NNT_TYPE_NULL ? libvelmar_private_nan_double : nnt_multitype_double(cell);
+  if (value.is_null) return libvelmar_private_nan_double;
+  return number(metric_to_nnt_type(value.type), value.storage, libvelmar_private_nan_double);
 }
 
 int64_t metric_value_int64(const metric_value_t &value) {
