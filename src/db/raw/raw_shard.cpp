@@ -49,16 +49,34 @@ std::shared_ptr<raw_rollable_c> raw_shard_c::get_db() {
 
 // ---- reading
 
+// Null with the reason: it is not to be read now.
+std::shared_ptr<raw_rollable_c> raw_shard_c::get_online_db(std::string *error) {
+  auto db = maintenance_mode() == ONLINE ? get_db() : nullptr;
+  if (!db) *error = fmt::format("the shard is {}", shard_maintenance_mode_to_string(maintenance_mode()));
+  return db;
+}
+
 void raw_shard_c::find_asynch(const raw_key_c &key, raw_reader_seek_e seek, raw_iter_found_f found,
                               void *closure) {
-  const auto db = maintenance_mode() == ONLINE ? get_db() : nullptr;
-  if (!db) {
-    raw_error_reader_c error("the shard is " +
-                             std::string(shard_maintenance_mode_to_string(maintenance_mode())));
-    found(nullptr, &error, closure);
-    return;
-  }
-  db->get_reader_asynch()->find_asynch(key, seek, found, closure);
+  std::string text;
+  if (const auto db = get_online_db(&text))
+    return db->get_reader_asynch()->find_asynch(key, seek, found, closure);
+  raw_error_reader_c error(std::move(text));
+  found(nullptr, &error, closure);
+}
+
+bool raw_shard_c::read_numeric(uint64_t surrogate_id, uint64_t start_ms, uint64_t end_ms,
+                               const numeric_samples_f &on_samples, std::string *error) {
+  const auto db = get_online_db(error);
+  return db && db->get_reader_asynch()->read_numeric(surrogate_id, start_ms, end_ms, on_samples, error);
+}
+
+std::optional<nom_sample_t> raw_shard_c::find_last_numeric(uint64_t surrogate_id, uint64_t from_ms,
+                                                           uint64_t before_ms, nulls_e nulls,
+                                                           std::string *error) {
+  const auto db = get_online_db(error);
+  if (!db) return {};
+  return db->get_reader_asynch()->find_last_numeric(surrogate_id, from_ms, before_ms, nulls, error);
 }
 
 void raw_shard_c::accumulate_all_primary_keys(const std::function<void(uint64_t)> &accumulator) {

@@ -42,6 +42,10 @@ class raw_shard_c : public shard_c, public std::enable_shared_from_this<raw_shar
   // ---- reading and writing
   void find_asynch(const raw_key_c &key, raw_reader_seek_e seek, raw_iter_found_f found,
                    void *closure) override;
+  bool read_numeric(uint64_t surrogate_id, uint64_t start_ms, uint64_t end_ms,
+                    const numeric_samples_f &on_samples, std::string *error) override;
+  std::optional<nom_sample_t> find_last_numeric(uint64_t surrogate_id, uint64_t from_ms, uint64_t before_ms,
+                                                nulls_e nulls, std::string *error) override;
   void accumulate_all_primary_keys(const std::function<void(uint64_t)> &accumulator) override;
   bool stream_for_reconstitute(uint64_t start_s, uint64_t end_s, void *closure, send_metric_f send_metric,
                                send_block_f send_block) override;
@@ -81,6 +85,7 @@ class raw_shard_c : public shard_c, public std::enable_shared_from_this<raw_shar
   class wrote_wrap_closure_c;
 
   uint64_t now_s() const { return static_cast<uint64_t>(m_params.timer_factory->get_clock()->get_time_s()); }
+  std::shared_ptr<raw_rollable_c> get_online_db(std::string *error);
   uint64_t first_rollup_s();
   void schedule_timeout(uint64_t when_s);
   static int rollup_timeout_cb(tolv_timed::cb_c *cb, void *closure, const struct timeval *now);

@@ -76,6 +76,11 @@ class data_db_c : public db::raw::raw_reader_asynch_c,
   void next_asynch(db::raw::raw_iter_reader_asynch_c *reader) override;
   void prev_asynch(db::raw::raw_iter_reader_asynch_c *reader) override;
   void close_asynch(db::raw::raw_iter_reader_asynch_c *reader) override;
+  bool read_numeric(uint64_t surrogate_id, uint64_t start_ms, uint64_t end_ms,
+                    const numeric_samples_f &on_samples, std::string *error) override;
+  std::optional<db::raw::nom_sample_t> find_last_numeric(uint64_t surrogate_id, uint64_t from_ms,
+                                                         uint64_t before_ms, nulls_e nulls,
+                                                         std::string *error) override;
   // The position itself, or null; it must go before the database does.
   std::unique_ptr<iter_wrapper_c> find_now(uint64_t surrogate_id, uint64_t ts_ms,
                                            db::raw::raw_reader_seek_e seek);

@@ -1,5 +1,7 @@
 #include <rocksdb/c.h>
 
+#include <array>
+
 #include "db/admin/rocksdb_error.h"
 #include "db/raw/nom/data_db.h"
 #include "db/raw/nom/data_db_position.h"
@@ -11,6 +13,8 @@ namespace velmar_db_raw_nom {
 using db::raw::raw_iter_reader_asynch_c;
 using db::raw::raw_key_c;
 using db::raw::raw_reader_seek_e;
+
+constexpr size_t PIECE_SAMPLES = 1024;
 
 rocksdb_column_family_handle_t *data_db_c::family_handle(uint64_t surrogate_id) const {
   return m
@@ -37,6 +41,41 @@ void data_db_c::find_asynch(const raw_key_c &key, raw_reader_seek_e seek, db::ra
     position->iter = find_now(key.get_surrogate_id(), ts_ms < 0 ? 0 : static_cast<uint64_t>(ts_ms), seek);
   }
   invoke_cb(position);
+}
+
+bool data_db_c::read_numeric(uint64_t surrogate_id, uint64_t start_ms, uint64_t end_ms,
+                             const numeric_samples_f &on_samples, std::string *error) {
+  const auto iter = find_now(surrogate_id, start_ms, db::raw::SEEK_NEXT_ON_MISS);
+  if (iter == nullptr) return true;
+  std::array<db::raw::nom_sample_t, PIECE_SAMPLES> piece;
+  uint64_t total = 0;
+  for (bool more = true; more && iter->is_valid();) {
+    const size_t count = iter->take_numeric(end_ms, piece);
+    more = count != 0 && on_samples({piece.data(), count});
+    total += count;
+    if (more && !iter->is_valid()) iter->next_block();
+  }
+  stats_add64(m_merge_state.stats.get_tuples, static_cast<int64_t>(total));
+  *error = iter->get_error();
+  return error->empty();
+}
+
+std::optional<db::raw::nom_sample_t> data_db_c::find_last_numeric(uint64_t surrogate_id, uint64_t from_ms,
+                                                                  uint64_t before_ms, nulls_e nulls,
+                                                                  std::string *error) {
+  if (before_ms <= from_ms) return {};
+  const auto iter = find_now(surrogate_id, before_ms - 1, db::raw::SEEK_PREV_ON_MISS);
+  if (iter == nullptr) return {};
+  for (bool found = iter->is_valid(); found; found = iter->do_prev()) {
+    nom_position_value_t at;
+    if (!iter->get_current_value(&at, error) || at.ts_ms < from_ms) return {};
+    if (at.value.is_null && nulls == nulls_e::pass_over) continue;
+    return db::raw::nom_sample_t{
+        surrogate_id,    at.ts_ms, at.value.storage.v_uint64, at.generation, static_cast<char>(at.value.type),
+        at.value.is_null};
+  }
+  *error = iter->get_error();
+  return {};
 }
 
 // Fills the position from where its iterator stands.

@@ -234,6 +234,40 @@ bool iter_wrapper_c::get_current_value(nom_position_value_t *out, std::string *e
   }
 }
 
+namespace {
+
+template <typename T>
+size_t copy_numbers(const char *from, size_t count, uint64_t floor_ms, uint64_t end_ms,
+                    db::raw::nom_sample_t sample, db::raw::nom_sample_t *to) {
+  for (size_t i = 0; i < count; i++, from += sizeof(measurement_t<T>)) {
+    measurement_t<T> measurement;
+    memcpy(&measurement, from, sizeof measurement);
+    sample.ts_ms = floor_ms + offset_of(measurement.bits);
+    if (sample.ts_ms >= end_ms) return i;
+    sample.bits = measurement.value;
+    sample.generation = static_cast<uint16_t>(generation_of(measurement.bits));
+    sample.is_null = is_null_of(measurement.bits);
+    to[i] = sample;
+  }
+  return count;
+}
+
+}  // namespace
+
+size_t iter_wrapper_c::take_numeric(uint64_t end_ms, std::span<db::raw::nom_sample_t> out) {
+  krel_assert(m_datatype == numeric && is_valid());
+  const size_t size = measurement_size(m_re.type);
+  const char *const from = m_val_data.get() + HEADER_LEN + m_current_measurement_index * size;
+  const size_t room = std::min<size_t>(m_re.entry_count - m_current_measurement_index, out.size());
+  const db::raw::nom_sample_t blank = {m_surrogate_id, 0, 0, 0, nom_to_metric_type(m_re.type), false};
+  const uint64_t floor_ms = m_block_ts_s * 1000ull;
+  const size_t taken = size == sizeof(uint32_measurement_t)
+                           ? copy_numbers<uint32_t>(from, room, floor_ms, end_ms, blank, out.data())
+                           : copy_numbers<uint64_t>(from, room, floor_ms, end_ms, blank, out.data());
+  m_current_measurement_index += static_cast<uint32_t>(taken);
+  return taken;
+}
+
 bool iter_wrapper_c::replace_record(std::string_view record) {
   if (const char *bad = record_is_bad(m_datatype, get_key(), record)) {
     krel_log(krel_error, "ERROR: %s\n", bad);

@@ -4,10 +4,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
 #include "db/raw/nom/nom_format.h"
+#include "db/raw/nom/nom_sample.h"
 #include "db/raw/nom/raw_interfaces.h"
 #include "util/raw_record.h"
 
@@ -54,6 +56,9 @@ class iter_wrapper_c {
   // Of the sample it stands on. False: of a kind that cannot be read; `error` says why.
   bool get_current_value(nom_position_value_t *out, std::string *error) const;
   bool is_valid() const { return m_current_measurement_index < m_re.entry_count; }
+  // The numbers of the current record from the current one on that lie before end_ms, as many as `out` holds.
+  // Their count; the index then stands behind the last of them, which may be the record's end.
+  size_t take_numeric(uint64_t end_ms, std::span<db::raw::nom_sample_t> out);
 
   // ---- the current record, for deleting
   uint64_t get_surrogate_id() const { return m_surrogate_id; }

@@ -1,5 +1,5 @@
 #pragma once
-// The compact form of a numeric sample on its way into a raw shard.
+// The compact form of a numeric sample on its way into a raw shard and out of it.
 
 #include <bit>
 #include <cstdint>

@@ -6,9 +6,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+
+#include "db/raw/nom/nom_sample.h"
 
 namespace db::surrogate {
 class value_c;
@@ -20,7 +23,6 @@ using raw_key_c = db::surrogate::value_c;
 class raw_value_c;
 class raw_entry_c;
 class raw_write_error_c;
-struct nom_sample_t;
 
 enum raw_reader_seek_e { SEEK_EXACT = 1, SEEK_NEXT_ON_MISS = 2, SEEK_PREV_ON_MISS = 3 };
 
@@ -127,6 +129,16 @@ class raw_reader_asynch_c {
   // this and every further position, the first time at latest when nothing is found.
   virtual void find_asynch(const raw_key_c &key, raw_reader_seek_e seek, raw_iter_found_f found,
                            void *closure) = 0;
+  // The metric's numbers of [start_ms, end_ms) in order of time, in pieces of one record or less, without a
+  // step for each sample; a false from the receiver ends it. False with the reason when a read failed.
+  // Blocking; of numeric stores only, like the next.
+  using numeric_samples_f = std::function<bool(std::span<const nom_sample_t> samples)>;
+  virtual bool read_numeric(uint64_t surrogate_id, uint64_t start_ms, uint64_t end_ms,
+                            const numeric_samples_f &on_samples, std::string *error);
+  // The last sample of [from_ms, before_ms), with or without nulls. *error tells of a read that failed.
+  enum class nulls_e { take, pass_over };
+  virtual std::optional<nom_sample_t> find_last_numeric(uint64_t surrogate_id, uint64_t from_ms,
+                                                        uint64_t before_ms, nulls_e nulls, std::string *error);
   // The id of every metric with data, each once for each database that holds it. Blocking.
   virtual void accumulate_all_primary_keys(const std::function<void(uint64_t surrogate_id)> &accumulator) = 0;
   // Every record whose hour begins in [start_s, end_s), metric by metric. False when it was stopped or a
