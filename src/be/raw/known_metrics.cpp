@@ -38,12 +38,12 @@ uint64_t known_metrics_c::hash_of(const metric_name_t &name) {
   uint64_t high, low;
   memcpy(&high, name.uuid, 8);
   memcpy(&low, name.uuid + 8, 8);
-  const uint64_t mixed = high * 0xff51afd7ed558ccd ^ low;
+  const uint64_t mixed = high * 0xff51afd7ed558ccd ^ low ^ static_cast<uint64_t>(name.form);
   return util::wyhash(name.name.data(), name.name.size()) ^ mixed * 0xc4ceb9fe1a85ec53;
 }
 
 bool known_metrics_c::matches(const entry_t &entry, uint64_t hash, const metric_name_t &name) {
-  if (entry.hash != hash) return false;
+  if (entry.hash != hash || entry.form != name.form) return false;
   const auto *immutable = entry.locator->immutable;
   const bool alias = entry.alias_size != 0;
   const size_t size = alias ? entry.alias_size : immutable->key_len;
@@ -82,9 +82,11 @@ void known_metrics_c::grow(shard_t *shard) {
 
 void known_metrics_c::insert(const metric_name_t &name, velmar_metric_locator_t *canonical) {
   const auto *immutable = canonical->immutable;
-  const bool alias = name.name != std::string_view(immutable->key_mem, immutable->key_len);
+  const bool alias =
+      name.form != name_form_e::metric || name.name != std::string_view(immutable->key_mem, immutable->key_len);
+  const size_t aliases = m_aliases.load(std::memory_order_relaxed);
   // an empty name as sent has no bytes to tell an alias by; a changed account is another identity of the sender
-  if ((alias && (name.name.empty() || m_aliases.load(std::memory_order_relaxed) >= MAX_ALIASES)) ||
+  if ((alias && (name.name.empty() || aliases >= SPARE_ALIASES + size() - aliases)) ||
       velmar_metric_locator_get_account_id(canonical) != name.account_id)
     return;
   const uint64_t hash = hash_of(name);
@@ -103,7 +105,7 @@ void known_metrics_c::insert(const metric_name_t &name, velmar_metric_locator_t 
   const size_t alias_size = alias ? name.name.size() : 0;
   auto *entry =
       static_cast<entry_t *>(krel_memory_safe_malloc_cleanup(sizeof(entry_t) + alias_size, release_entry));
-  new (entry) entry_t{hash, canonical, 0, nullptr, static_cast<uint32_t>(alias_size)};
+  new (entry) entry_t{hash, canonical, 0, nullptr, static_cast<uint32_t>(alias_size), name.form};
   if (alias) memcpy(const_cast<char *>(entry->alias()), name.name.data(), alias_size);
   velmar_metric_locator_ref(canonical);
   table->slots[at].store(entry, std::memory_order_release);

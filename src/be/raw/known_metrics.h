@@ -21,11 +21,15 @@ namespace be::raw {
 
 constexpr int32_t ANY_ACCOUNT = INT32_MIN;  // who asks does not know the account
 
+// The grammar that a name is written in: the same bytes may name one metric in the one, another in the other.
+enum class name_form_e : uint8_t { metric, graphite };
+
 // What a sample says of its metric.
 struct metric_name_t {
   const uint8_t *uuid;  // 16 bytes
   int32_t account_id;
   std::string_view name;  // as it was sent
+  name_form_e form = name_form_e::metric;
 };
 
 class known_metrics_c {
@@ -38,6 +42,7 @@ class known_metrics_c {
     // Under which topology the metric is owned here; another one in force: work it out again.
     std::atomic<const topo_config *> owned_under;
     uint32_t alias_size;  // the name as sent, when it is not the canonical one; its bytes follow
+    name_form_e form;     // of the alias
     const char *alias() const { return reinterpret_cast<const char *>(this + 1); }
   };
 
@@ -63,7 +68,8 @@ class known_metrics_c {
   };
   static constexpr size_t SHARDS = 64;
   static constexpr size_t FIRST_SLOTS = 64;
-  static constexpr size_t MAX_ALIASES = 1000000;  // names that are not canonical; beyond, they are just slower
+  // Names that are not canonical, above one for each metric; beyond, they are just slower.
+  static constexpr size_t SPARE_ALIASES = 1000000;
 
   static uint64_t hash_of(const metric_name_t &name);
   static bool matches(const entry_t &entry, uint64_t hash, const metric_name_t &name);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,12 +24,19 @@ struct batch_numeric_t {
   bool needs_surrogate = false;  // no id yet, or an activity to be recorded: the surrogate writer's work
 };
 
+// A name under which a metric is to be known.
+struct sent_name_t {
+  uint32_t at;  // of its sample in the batch
+  name_form_e form;
+  std::string name;
+};
+
 struct raw_batch_t {
   std::vector<db::raw::nom_sample_t> samples;  // in order of arrival, one for each entry of `numerics`
   std::vector<batch_numeric_t> numerics;
   std::unique_ptr<histogram_data_t> histograms;
-  // Names as sent of the metrics that are not known yet, by place in `numerics`: remembered under them later.
-  std::vector<std::pair<uint32_t, std::string>> names_as_sent;
+  // Names as sent of the metrics that are not known yet, in order: remembered under them later.
+  std::vector<sent_name_t> names_as_sent;
 
   size_t size() const { return numerics.size() + (histograms ? static_cast<size_t>(histograms->count) : 0); }
   bool empty() const { return size() == 0; }
@@ -41,6 +49,15 @@ enum class batch_add_e { added, misdirected, bad_name };
 // the five numeric kinds or a null of one. Within a memory section.
 batch_add_e raw_batch_add_numeric(raw_batch_t *batch, known_metrics_c *known, const metric_name_t &name,
                                   uint64_t time_ms, const dorn_record_m_value_t &value, uint16_t generation);
+// The two halves of that: a metric that is known under the name (none when it is not), and one that is not,
+// `text` being its name in the metric names' own form.
+std::optional<batch_add_e> raw_batch_add_known(raw_batch_t *batch, known_metrics_c *known,
+                                               const metric_name_t &name, uint64_t time_ms,
+                                               const dorn_record_m_value_t &value, uint16_t generation);
+batch_add_e raw_batch_add_unknown(raw_batch_t *batch, const metric_name_t &name, std::string_view text,
+                                  uint64_t time_ms, const dorn_record_m_value_t &value, uint16_t generation);
+// Takes the numeric sample that was added last out again.
+void raw_batch_drop_last(raw_batch_t *batch);
 // Takes the histogram over.
 batch_add_e raw_batch_add_histogram(raw_batch_t *batch, const metric_locator_sp &locator, uint64_t time_ms,
                                     hist_ptr histogram, bool cumulative);

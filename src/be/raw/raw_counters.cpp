@@ -1,6 +1,6 @@
 #include "be/raw/raw_counters.h"
 
-#include <string>
+#include <fmt/core.h>
 
 #include "platform/krel/base/krel_conf.h"
 #include "platform/tolvmetrics/stats.h"
@@ -28,6 +28,12 @@ void expirable_c::set_stale_time_out(int64_t ms) {
 }
 
 namespace be::raw {
+
+std::string put_counts_json(const atomic_counters_t &c) {
+  return fmt::format(
+      "{{ \"records\": {}, \"updated\": {}, \"misdirected\": {}, \"discarded\": {}, \"errors\": {} }}",
+      c.processed.load(), c.successes.load(), c.noti.load(), c.discarded.load(), c.errors.load());
+}
 
 namespace {
 

@@ -4,8 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-
-struct stats_handle_t;
+#include <string>
 
 struct atomic_counters_t {
   std::atomic<uint32_t> processed{0}, successes{0}, noti{0}, errors{0}, timedout{0}, discarded{0};
@@ -26,6 +25,9 @@ class expirable_c {
 };
 
 namespace be::raw {
+
+// What a put that went well is answered with.
+std::string put_counts_json(const atomic_counters_t &counters);
 
 // Stage counters: their differences show where requests are waiting.
 class ingestion_gate_mgr_c {

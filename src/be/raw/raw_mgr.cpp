@@ -55,9 +55,10 @@ void rest_raw_mgr_init(const char *node_id) {
   mgr.surrogate_writer = velmar_global_surrogate_get_writer_asynch();
   mgr.numeric_writer = numeric_store.writer.get();
   mgr.histogram_writer = histogram_store.writer.get();
+  mgr.parse_jobq = krelev_jobq_retrieve("velmar_raw_put_parse");
   mgr.ingest_jobq = krelev_jobq_retrieve("raw_ingest");
   mgr.hist_ingest_jobq = krelev_jobq_retrieve("hist_shard_ingest");
-  krel_assert(mgr.surrogate_writer && mgr.ingest_jobq && mgr.hist_ingest_jobq);
+  krel_assert(mgr.surrogate_writer && mgr.parse_jobq && mgr.ingest_jobq && mgr.hist_ingest_jobq);
   stats_invoke(velmar_stats_get_handle("be.raw.known_metrics", STATS_TYPE_DOUBLE),
                [] { return static_cast<double>(be::raw::raw_mgr().known.size()); });
   stats_invoke(velmar_stats_get_handle("be.raw.unsent", STATS_TYPE_DOUBLE),

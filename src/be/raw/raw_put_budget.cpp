@@ -5,6 +5,15 @@
 
 namespace be::raw {
 
+namespace {
+constexpr size_t BUDGET = 96 * 1024 * 1024;
+}
+
+raw_put_budget_c &raw_put_budget() {
+  static raw_put_budget_c budget(BUDGET);
+  return budget;
+}
+
 bool raw_put_budget_c::try_take(size_t bytes) {
   const krel_lock_c lock(m_mutex);
   bytes = std::min(bytes, m_capacity);

@@ -1,7 +1,7 @@
 #pragma once
-// Bounds the memory of bodies that are read but not yet stored, over all requests: a reader takes bytes before
-// it hands out a chunk and gets them back when the chunk's samples are stored. Who finds too little left waits
-// in line, so that small requests are not starved by large ones.
+// Bounds the memory of samples that are read but not yet stored, over all requests and connections: a reader
+// takes bytes before it hands out a chunk and gets them back when the chunk's samples are stored. Who finds too
+// little left waits in line, so that small requests are not starved by large ones.
 
 #include <cstddef>
 #include <deque>
@@ -31,5 +31,8 @@ class raw_put_budget_c {
   std::deque<waiter_t> m_waiting GUARDED_BY(m_mutex);
   const size_t m_capacity;
 };
+
+// The one that everything which feeds the raw stores takes from: 96 MiB.
+raw_put_budget_c &raw_put_budget();
 
 }  // namespace be::raw

@@ -174,10 +174,7 @@ void fb_parser_c::add_numeric(const record_t &record, const dorn_record_m_value_
     db::ingestion::log_old_data(FUNCTION, time_ms, m_now_ms, locator);
     if (raw_mgr_discards(locator)) {
       m_counters.discarded.fetch_add(1, std::memory_order_relaxed);
-      if (!m_batch.names_as_sent.empty() && m_batch.names_as_sent.back().first + 1 == m_batch.numerics.size())
-        m_batch.names_as_sent.pop_back();
-      m_batch.numerics.pop_back();
-      m_batch.samples.pop_back();
+      raw_batch_drop_last(&m_batch);
       return;
     }
   }

@@ -59,10 +59,7 @@ void text_parser_c::count(batch_add_e result, std::string_view name) {
 bool text_parser_c::discard_last() {
   if (!raw_mgr_discards(m_batch->numerics.back().locator.get())) return false;
   m_discarded++;
-  if (!m_batch->names_as_sent.empty() && m_batch->names_as_sent.back().first + 1 == m_batch->numerics.size())
-    m_batch->names_as_sent.pop_back();
-  m_batch->numerics.pop_back();
-  m_batch->samples.pop_back();
+  raw_batch_drop_last(m_batch);
   return true;
 }
 

@@ -179,10 +179,11 @@ void numeric_write_c::take_value(size_t entry, const db::surrogate::value_c &val
         {velmar_metric_locator_get_name_with_tags(l), velmar_metric_locator_get_name_len_with_tags(l)}};
     raw_mgr().known.insert(name, canonical.get());
     auto &sent = m_batch.names_as_sent;
-    const auto it =
-        std::lower_bound(sent.begin(), sent.end(), i, [](const auto &s, uint32_t at) { return s.first < at; });
-    if (it != sent.end() && it->first == i) {
-      name.name = it->second;
+    const auto it = std::lower_bound(sent.begin(), sent.end(), i,
+                                     [](const sent_name_t &s, uint32_t at) { return s.at < at; });
+    if (it != sent.end() && it->at == i) {
+      name.name = it->name;
+      name.form = it->form;
       raw_mgr().known.insert(name, canonical.get());
     }
   }

@@ -23,6 +23,7 @@ struct raw_mgr_t {
   std::shared_ptr<db::surrogate::writer_asynch_c> surrogate_writer;
   db::raw::raw_writer_asynch_c *numeric_writer = nullptr;
   db::raw::raw_writer_asynch_c *histogram_writer = nullptr;
+  krelev_jobq_t *parse_jobq = nullptr;
   krelev_jobq_t *ingest_jobq = nullptr;
   krelev_jobq_t *hist_ingest_jobq = nullptr;
 };
