@@ -40,47 +40,44 @@ void nom_rollup_progress_c::read_state() {
   m_rollup_finished = flag("finished");
 }
 
-void nom_rollup_progress_c::write_state() {
+// The file first: who sees a mark without the lock may rely on its being on disk.
+void nom_rollup_progress_c::write_state(const state_t &state) {
   const auto word = [](bool value) { return value ? "true" : "false"; };
   const std::string text =
       fmt::format("{{\n\t\"rollup_in_progress\": {},\n\t\"dirty\": {},\n\t\"finished\": {}\n}}\n",
-                  word(m_rollup_in_progress), word(m_dirty), word(m_rollup_finished));
+                  word(state.in_progress), word(state.dirty), word(state.finished));
   if (const auto code = util::io::atomic_replace(m_filename, text, m_files))
     krel_fatal(
         "cannot write %s: %s. Free space on its disk or mend its permissions, then start the node again\n",
         m_filename.c_str(), code.message().c_str());
+  m_rollup_in_progress.store(state.in_progress, std::memory_order_release);
+  m_rollup_finished.store(state.finished, std::memory_order_release);
+  m_dirty.store(state.dirty, std::memory_order_release);
 }
 
-void nom_rollup_progress_c::mark_dirty() {
-  if (is_dirty() && !is_finished()) return;
+bool nom_rollup_progress_c::mark_dirty() {
+  if (is_dirty() && !is_finished()) return false;
   const krel_lock_c lock(m_state_lock);
-  if (is_dirty() && !is_finished()) return;
-  m_dirty = true;
-  m_rollup_finished = false;
-  write_state();
+  if (is_dirty() && !is_finished()) return false;
+  const bool was_finished = is_finished();
+  write_state({rollup_in_progress(), true, false});
+  return was_finished;
 }
 
 void nom_rollup_progress_c::mark_clean() {
   const krel_lock_c lock(m_state_lock);
-  m_dirty = false;
-  write_state();
+  write_state({rollup_in_progress() && !is_dirty(), false, is_finished()});
 }
 
 void nom_rollup_progress_c::start_rollup() {
   const krel_lock_c lock(m_state_lock);
-  if (!m_rollup_in_progress && !m_rollup_finished) {
-    m_dirty = false;
-    m_rollup_in_progress = true;
-    m_rollup_finished = false;
-  }
-  write_state();
+  const bool starts = !rollup_in_progress() && !is_finished();
+  write_state({starts || rollup_in_progress(), !starts && is_dirty(), is_finished()});
 }
 
 void nom_rollup_progress_c::mark_finished() {
   const krel_lock_c lock(m_state_lock);
-  m_rollup_finished = !m_dirty;
-  m_rollup_in_progress = false;
-  write_state();
+  write_state({false, is_dirty(), !is_dirty()});
 }
 
 }  // namespace db::raw

@@ -17,7 +17,8 @@ class nom_rollup_progress_c {
   explicit nom_rollup_progress_c(const std::string &directory,
                                  util::io::files_c &files = util::io::system_files());
 
-  void mark_dirty();
+  bool mark_dirty();  // true: it was finished until now
+  // A pass that was cut short and has been overtaken by samples is not taken up again: the next begins anew.
   void mark_clean();
   void start_rollup();
   void mark_finished();
@@ -26,8 +27,11 @@ class nom_rollup_progress_c {
   bool rollup_in_progress() const { return m_rollup_in_progress.load(std::memory_order_acquire); }
 
  private:
+  struct state_t {
+    bool in_progress, dirty, finished;
+  };
   void read_state();
-  void write_state() REQUIRES(m_state_lock);
+  void write_state(const state_t &state) REQUIRES(m_state_lock);
 
   util::io::files_c &m_files;
   const std::string m_filename, m_tmp_filename;

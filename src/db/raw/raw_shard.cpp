@@ -1,12 +1,20 @@
 #include "db/raw/raw_shard.h"
 
 #include <algorithm>
+#include <thread>
+#include <utility>
 
 #include "db/raw/record/raw_write_error.h"
 #include "platform/krel/base/krel_log.h"
 #include "util/io/file_helpers.h"
 
 namespace db::raw {
+
+namespace {
+
+constexpr std::chrono::milliseconds CLOSE_POLL{5};
+
+}  // namespace
 
 const char *shard_maintenance_mode_to_string(shard_maintenance_mode_e mode) {
   switch (mode) {
@@ -38,7 +46,7 @@ raw_shard_c::~raw_shard_c() {
 }
 
 bool raw_shard_c::open_database() {
-  _db = m_params.db_factory->open(m_params.dir_name);
+  _db = m_params.db_factory->open(m_params.dir_name, m_params.start_s);
   return _db != nullptr;
 }
 
@@ -93,7 +101,7 @@ bool raw_shard_c::stream_for_reconstitute(uint64_t start_s, uint64_t end_s, void
 // ---- writing
 
 // Holds the shard's lock and marks the shard dirty before the write's end is reported: no kill can lose a
-// repeat of its rollup.
+// repeat of its rollup. (The mark before the write may have been taken back by a rollup that began meanwhile.)
 class raw_shard_c::wrote_wrap_closure_c : public is_raw_write_closure_t {
  public:
   wrote_wrap_closure_c(std::shared_ptr<raw_shard_c> shard, shared_lock_t &&lock,
@@ -102,7 +110,7 @@ class raw_shard_c::wrote_wrap_closure_c : public is_raw_write_closure_t {
   void on_success() override { _closure->on_success(); }
   void on_error(const raw_write_error_c &error) override { _closure->on_error(error); }
   void on_complete() override {
-    m_shard->m_progress.mark_dirty();
+    m_shard->mark_dirty();
     _closure->on_complete();
     delete this;
   }
@@ -122,6 +130,7 @@ void raw_shard_c::write(size_t count, is_raw_write_closure_t *closure, Write wri
     return;
   }
   raw_writer_asynch_c *writer = _db->get_writer_asynch();
+  mark_dirty();
   m_quiescent.set_last_write_ts(now_s());
   write_to(writer, new wrote_wrap_closure_c(shared_from_this(), std::move(lock), closure));
 }
@@ -152,7 +161,7 @@ bool raw_shard_c::open_underlying_storage(std::chrono::milliseconds timeout) {
                 "open_underlying_storage", m_params.dir_name);
     return false;
   }
-  if (!_db) _db = m_params.db_factory->open(m_params.dir_name);
+  if (!_db) _db = m_params.db_factory->open(m_params.dir_name, m_params.start_s);
   if (!_db) {
     krel_ex_log(krel_error, "{}: cannot reopen or create timeshard at: {}\n", "open_underlying_storage",
                 m_params.dir_name);
@@ -167,9 +176,18 @@ bool raw_shard_c::open_underlying_storage(std::chrono::milliseconds timeout) {
 }
 
 bool raw_shard_c::close_underlying_storage(std::chrono::milliseconds timeout) {
+  const auto end = std::chrono::steady_clock::now() + timeout;
   std::unique_lock<std::shared_timed_mutex> lock(_db_mux, timeout);
   if (!lock.owns_lock()) return false;
-  _db.reset();
+  // reads and the rollup hold the database by references of their own and let go of it soon
+  const std::weak_ptr<raw_rollable_c> weak = std::exchange(_db, nullptr);
+  while (const auto still_used = weak.lock()) {
+    if (std::chrono::steady_clock::now() >= end) {
+      _db = still_used;
+      return false;
+    }
+    std::this_thread::sleep_for(CLOSE_POLL);
+  }
   return true;
 }
 
@@ -232,7 +250,11 @@ void raw_shard_c::start_timer() {
 
 void raw_shard_c::schedule_timeout(uint64_t when_s) {
   const std::lock_guard lock(m_timer_mutex);
-  if (m_stopped) return;
+  arm_timer(when_s);
+}
+
+void raw_shard_c::arm_timer(uint64_t when_s) {
+  if (m_stopped || !m_params.rolls_up) return;
   cancel_timer();
   // the callback holds the shard weakly: a timer never keeps a deleted shard
   m_timer =
@@ -259,27 +281,46 @@ std::pair<uint64_t, bool> raw_shard_c::calc_rollup_timeout() {
 
 int raw_shard_c::rollup_timeout_cb(tolv_timed::cb_c *cb, void *closure, const struct timeval *) {
   const std::unique_ptr<std::weak_ptr<raw_shard_c>> weak(static_cast<std::weak_ptr<raw_shard_c> *>(closure));
-  if (const auto shard = weak->lock()) shard->timed_out();
+  if (const auto shard = weak->lock()) {
+    if (shard_manager_c *manager = shard->m_params.manager())
+      manager->run([shard] { shard->timed_out(); });
+    else
+      shard->timed_out();
+  }
   return cb->returning_free();
 }
 
-// The dirty mark tells whether the shard was written since its timer was armed.
+bool raw_shard_c::claim_for_rollup() {
+  in_manager_e no = IN_MANAGER_NO;
+  return _in_manager.compare_exchange_strong(no, IN_MANAGER_ROLLUP_START);
+}
+
+// The dirty mark tells whether the shard was written since its timer was armed. It is the manager's while a
+// rollup runs.
 void raw_shard_c::timed_out() {
+  if (!claim_for_rollup()) return;
   const auto [when, dirty] = calc_rollup_timeout();
   shard_manager_c *manager = m_params.manager();
-  if (dirty || !manager) {
-    krel_log(krel_debug, "timeshard is not quiescent, rescheduling for %s\n", m_params.dir_name.c_str());
-    if (dirty) m_progress.mark_clean();
-    schedule_timeout(when);
+  if (!dirty && manager) {
+    manager->schedule_rollup(shared_from_this());
     return;
   }
-  in_manager_e no = IN_MANAGER_NO;
-  if (_in_manager.compare_exchange_strong(no, IN_MANAGER_ROLLUP_START))
-    manager->schedule_rollup(shared_from_this());
+  krel_log(krel_debug, "timeshard is not quiescent, rescheduling for %s\n", m_params.dir_name.c_str());
+  if (dirty) m_progress.mark_clean();
+  _in_manager = IN_MANAGER_NO;
+  schedule_timeout(when);
+}
+
+void raw_shard_c::mark_dirty() {
+  // the timer of a shard that was rolled up may be weeks away
+  if (m_progress.mark_dirty()) schedule_timeout(now_s() + m_params.quiescent_age_s);
 }
 
 bool raw_shard_c::try_start_rollup() {
-  if (m_progress.is_dirty()) return false;
+  return !m_progress.is_dirty() && start_rollup_anyway();
+}
+
+bool raw_shard_c::start_rollup_anyway() {
   _in_manager = IN_MANAGER_ROLLUP_RUNNING;
   return true;
 }
@@ -287,7 +328,9 @@ bool raw_shard_c::try_start_rollup() {
 void raw_shard_c::adjust_timeout(uint64_t when_s) {
   m_progress.mark_clean();
   _in_manager = IN_MANAGER_NO;
-  schedule_timeout(when_s);
+  // under the lock that mark_dirty takes behind its mark: whichever is later finds what the other has done
+  const std::lock_guard lock(m_timer_mutex);
+  arm_timer(m_progress.is_finished() ? when_s : std::min(when_s, now_s() + m_params.quiescent_age_s));
 }
 
 }  // namespace db::raw

@@ -25,6 +25,7 @@ struct raw_shard_params_t {
   raw_rollable_factory_c *db_factory;
   tolv_timed::factory_c *timer_factory;
   std::function<shard_manager_c *()> manager;  // null: none yet
+  bool rolls_up;                               // else it has no timer
 };
 
 class raw_shard_c : public shard_c, public std::enable_shared_from_this<raw_shard_c> {
@@ -74,9 +75,14 @@ class raw_shard_c : public shard_c, public std::enable_shared_from_this<raw_shar
 
   // ---- rollup
   bool try_start_rollup() override;
+  bool start_rollup_anyway() override;
+  void mark_dirty() override;
+  // Takes the shard into the manager; false: it is there already. The armed timer then passes it over.
+  bool claim_for_rollup();
   // The next time to look, in seconds, and whether the shard is dirty.
   std::pair<uint64_t, bool> calc_rollup_timeout();
-  // Marks it clean, takes it out of the manager and arms the timer for that second.
+  // Marks it clean, takes it out of the manager and arms the timer for that second, or, when samples have
+  // come that are not rolled up yet, for the end of the quiet time if that is sooner.
   void adjust_timeout(uint64_t when_s);
   void set_in_manager(in_manager_e stage) { _in_manager.store(stage); }
 
@@ -88,6 +94,7 @@ class raw_shard_c : public shard_c, public std::enable_shared_from_this<raw_shar
   std::shared_ptr<raw_rollable_c> get_online_db(std::string *error);
   uint64_t first_rollup_s();
   void schedule_timeout(uint64_t when_s);
+  void arm_timer(uint64_t when_s);  // under m_timer_mutex
   static int rollup_timeout_cb(tolv_timed::cb_c *cb, void *closure, const struct timeval *now);
   void timed_out();
   void cancel_timer();  // under m_timer_mutex

@@ -1,7 +1,6 @@
 #include "db/raw/raw_shard_factory.h"
 
-#include <sys/stat.h>
-
+#include <algorithm>
 #include <filesystem>
 
 #include "db/raw/scanner.h"
@@ -53,8 +52,8 @@ shard_sp raw_shard_factory_c::shard_create_private(uint64_t start_s, uint64_t en
   params.db_factory = m_params.db_factory;
   params.timer_factory = m_params.timer_factory;
   params.manager = [this] { return _manager.load(); };
-  struct stat st;
-  if (open_type == MUST_EXIST && stat(params.dir_name.c_str(), &st) != 0) return nullptr;
+  params.rolls_up = m_params.rolls_up;
+  if (open_type == MUST_EXIST && !_metadata_read.check_exists(params.dir_name)) return nullptr;
   if (util::io::mkdir_for_file(params.dir_name + "/dummy")) {
     krel_log(krel_error, "attempt to create folder shard for time range: %s; failed.\n",
              params.dir_name.c_str());
@@ -131,7 +130,9 @@ void raw_shard_factory_c::manager_done(const shard_sp &shard) {
 // True: the delete must wait until *when_s.
 bool raw_shard_factory_c::calc_delete_timeout(raw_shard_c *shard, uint64_t *when_s) const {
   const uint64_t now = now_s();
-  if (shard->get_rollup_progress().is_dirty()) {
+  const nom_rollup_progress_c &progress = shard->get_rollup_progress();
+  if (progress.is_dirty() || !progress.is_finished() ||
+      !_metadata_read.check_was_rolled(shard->get_dir_name())) {
     *when_s = now + m_params.rollup_after_quiescent_age_s;
     krel_log(krel_notice,
              "timeshard shard is dirty, rescheduling delete after a rollup quiescent time at %lu.%06d\n",
@@ -163,17 +164,25 @@ void raw_shard_factory_c::try_delete_shard(const shard_sp &shard) {
     raw->adjust_timeout(when);
     return;
   }
+  if (!delete_shard(raw)) raw->adjust_timeout(when);
+}
+
+bool raw_shard_factory_c::delete_shard(const shard_sp &shard) {
+  const auto raw = std::dynamic_pointer_cast<raw_shard_c>(shard);
   const auto result = raw->request_maintenance_mode(OFFLINE_CLOSED_PENDING_DELETE, STORAGE_TIMEOUT);
   if (!result.ok) {
     krel_ex_log(krel_error, "{}: unable to set shard `{}` to `OFFLINE_CLOSED_PENDING_DELETE`: {}\n",
                 "try_delete_shard", raw->get_dir_name(), result.message);
-    raw->adjust_timeout(when);
-    return;
+    return false;
   }
-  close_underlying_storage_for_delete(raw);
+  uint64_t start, end;
+  raw->get_times(&start, &end);
+  if (!close_underlying_storage_for_delete(raw)) return false;
+  if (shard_manager_c *manager = _manager.load()) manager->shard_deleted(start, end);
+  return true;
 }
 
-void raw_shard_factory_c::close_underlying_storage_for_delete(const std::shared_ptr<raw_shard_c> &shard) {
+bool raw_shard_factory_c::close_underlying_storage_for_delete(const std::shared_ptr<raw_shard_c> &shard) {
   uint64_t start, end;
   shard->get_times(&start, &end);
   const auto lock = _shard_cache.acquire_dir_lock(start);
@@ -188,7 +197,7 @@ void raw_shard_factory_c::close_underlying_storage_for_delete(const std::shared_
                 code.message());
     krel_ex_log(krel_error, "{}: shard `{}` could not be deleted. manual deletion will be necessary\n",
                 "try_delete_shard", dir);
-    return;
+    return false;
   }
   krel_log(krel_notice, "timeshard deleting DB %s\n", renamed.c_str());
   std::error_code remove_code;
@@ -196,6 +205,28 @@ void raw_shard_factory_c::close_underlying_storage_for_delete(const std::shared_
   if (remove_code)
     krel_log(krel_error, "timeshard failed to delete DB %s (%d - %s)\n", renamed.c_str(), remove_code.value(),
              remove_code.message().c_str());
+  return true;
+}
+
+void raw_shard_factory_c::ask_again_later(const shard_sp &shard) {
+  if (const auto raw = std::dynamic_pointer_cast<raw_shard_c>(shard))
+    raw->adjust_timeout(now_s() + m_params.rollup_after_quiescent_age_s);
+}
+
+uint64_t raw_shard_factory_c::get_suppressed_end_s() const {
+  const uint64_t kept_s =
+      std::max(m_params.delete_after_quiescent_age_s, m_params.rollup_after_quiescent_age_s) +
+      m_params.min_delete_age_s;
+  const uint64_t min_time = now_s() < kept_s ? 0 : now_s() - kept_s;
+  uint64_t earliest = 0;
+  _shard_cache.for_each([&](const shard_sp &shard) {
+    uint64_t times[2];
+    shard->get_times(&times[0], &times[1]);
+    for (const uint64_t boundary : times)
+      if (boundary > min_time && (earliest == 0 || boundary < earliest)) earliest = boundary;
+    return true;
+  });
+  return earliest;
 }
 
 void raw_shard_factory_c::close_all() {

@@ -7,6 +7,7 @@
 #include "db/raw/granule_adjust.h"
 #include "db/raw/raw_shard.h"
 #include "db/raw/raw_shard_cache.h"
+#include "db/raw/shard_metadata.h"
 
 namespace db::raw {
 
@@ -22,6 +23,7 @@ struct raw_shard_factory_params_t {
   uint64_t delete_after_quiescent_age_s = 32 * 3600;
   uint64_t max_clock_skew_s = 7 * 86400;
   uint64_t startup_rollup_delay_s = 1800;
+  bool rolls_up = true;  // false: its shards are neither rolled up nor deleted by their own timers
   raw_rollable_factory_c *db_factory = nullptr;
   tolv_timed::factory_c *timer_factory = nullptr;
 };
@@ -49,8 +51,15 @@ class raw_shard_factory_c {
   void set_manager(shard_manager_c *manager) { _manager.store(manager); }
   // The manager has ended a step of this shard.
   void manager_done(const shard_sp &shard);
-  // Deletes the shard, or sets the time to ask again.
+  // The same for a step that could not be taken now.
+  void ask_again_later(const shard_sp &shard);
+  // Deletes the shard, or sets the time to ask again. Only what was rolled up goes.
   void try_delete_shard(const shard_sp &shard);
+  // Deletes it whatever its age and state; false, logged: it is in use or cannot be moved away.
+  bool delete_shard(const shard_sp &shard);
+  // The second before which no raw sample of a suppressed metric is left; 0: there is none.
+  uint64_t get_suppressed_end_s() const;
+  const std::string &get_basedir() const { return m_params.basedir; }
 
   // Closes every database; the store takes and gives nothing afterwards. At the node's end.
   void close_all();
@@ -59,11 +68,12 @@ class raw_shard_factory_c {
   shard_sp shard_create_private(uint64_t start_s, uint64_t end_s, open_type_e open_type, bool at_start);
   void found_shard_dir(uint64_t start_s, uint64_t end_s, const std::string &dir);
   bool calc_delete_timeout(raw_shard_c *shard, uint64_t *when_s) const;
-  void close_underlying_storage_for_delete(const std::shared_ptr<raw_shard_c> &shard);
+  bool close_underlying_storage_for_delete(const std::shared_ptr<raw_shard_c> &shard);
   uint64_t now_s() const { return static_cast<uint64_t>(m_params.timer_factory->get_clock()->get_time_s()); }
 
   const raw_shard_factory_params_t m_params;
   const granule_adjust_c _granule_adjust;
+  const shard_metadata_impl_c _metadata_read;
   raw_shard_cache_c _shard_cache;
   std::atomic<shard_manager_c *> _manager{nullptr};
 };

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -47,7 +48,10 @@ class shard_c : public raw_reader_asynch_c, public raw_writer_asynch_c {
   virtual const std::string &get_dir_name() const = 0;
   virtual nom_rollup_progress_c &get_rollup_progress() = 0;
   virtual std::shared_ptr<raw_rollable_c> get_db() = 0;  // null while closed
-  virtual bool try_start_rollup() = 0;
+  virtual bool try_start_rollup() = 0;                   // false: samples have arrived since it was scheduled
+  virtual bool start_rollup_anyway() = 0;                // the same whether they have or not; true
+  // Something its rollup depends on has changed.
+  virtual void mark_dirty() = 0;
 };
 
 using shard_sp = std::shared_ptr<shard_c>;
@@ -58,6 +62,10 @@ class shard_manager_c {
   virtual ~shard_manager_c() = default;
   virtual void schedule_rollup(const shard_sp &shard) = 0;
   virtual void schedule_delete(const shard_sp &shard) = 0;
+  // Runs what may block off the timer's thread, soon.
+  virtual void run(std::function<void()> function) { function(); }
+  // Its directory is gone; seconds.
+  virtual void shard_deleted(uint64_t start_s, uint64_t end_s) {}
 };
 
 }  // namespace db::raw

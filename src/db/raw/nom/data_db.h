@@ -33,6 +33,7 @@ struct data_db_params_t {
   const velmar_db_admin_rocksdb_manager_t *manager = nullptr;
   const velmar_db_admin_rocksdb_type_t *type = nullptr;  // "nom"
   uint64_t max_db_write_buffer_size = 16777216;
+  uint64_t start_s = 0;  // of the shard: positions never stand on a sample before it
 };
 
 // Threads: any number may write and read at once. Everything blocks on the disk.
@@ -71,6 +72,7 @@ class data_db_c : public db::raw::raw_reader_asynch_c,
                     db::raw::nomdb_type_e kind);
 
   // ---- reading
+  std::unique_ptr<db::raw::raw_record_cursor_c> create_record_cursor(size_t family);
   void find_asynch(const db::raw::raw_key_c &key, db::raw::raw_reader_seek_e seek,
                    db::raw::raw_iter_found_f found, void *closure) override;
   void next_asynch(db::raw::raw_iter_reader_asynch_c *reader) override;
@@ -130,6 +132,7 @@ class data_db_c : public db::raw::raw_reader_asynch_c,
   const velmar_db_admin_rocksdb_manager_t *const m_manager;
   const velmar_db_admin_rocksdb_type_t *const m_type;
   const uint64_t _max_db_write_buffer_size;
+  const uint64_t m_start_ms;
   merge_state_t m_merge_state;  // read by the merge operators until the database is closed
 
   krel_mutex_c m_fullopen_lock;  // one thread opens; what it fills is fixed once m_open is seen

@@ -122,6 +122,7 @@ data_db_c::data_db_c(std::string location, const data_db_params_t &params)
       m_manager(params.manager),
       m_type(params.type),
       _max_db_write_buffer_size(params.max_db_write_buffer_size),
+      m_start_ms(params.start_s * 1000),
       m_merge_state{params.conflict_resolver, nom_stats(params.datatype)} {}
 
 data_db_c::~data_db_c() {

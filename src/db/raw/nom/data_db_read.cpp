@@ -1,5 +1,6 @@
 #include <rocksdb/c.h>
 
+#include <algorithm>
 #include <array>
 
 #include "db/admin/rocksdb_error.h"
@@ -34,11 +35,13 @@ std::unique_ptr<iter_wrapper_c> data_db_c::find_now(uint64_t surrogate_id, uint6
 
 void data_db_c::find_asynch(const raw_key_c &key, raw_reader_seek_e seek, db::raw::raw_iter_found_f found,
                             void *closure) {
-  auto *const position = new position_t(found, closure);  // goes with close_asynch
+  auto *const position = new position_t(found, closure, m_start_ms);  // goes with close_asynch
   position->set_key(key);
-  const int64_t ts_ms = key.get_orig_key().get_timestamp().count();
-  if (ts_ms >= 0 || seek == db::raw::SEEK_NEXT_ON_MISS) {
-    position->iter = find_now(key.get_surrogate_id(), ts_ms < 0 ? 0 : static_cast<uint64_t>(ts_ms), seek);
+  const int64_t asked_ms = key.get_orig_key().get_timestamp().count();
+  const auto first_ms = static_cast<int64_t>(m_start_ms);
+  if (asked_ms >= first_ms || seek == db::raw::SEEK_NEXT_ON_MISS) {
+    const auto ts_ms = static_cast<uint64_t>(std::max(asked_ms, first_ms));
+    position->iter = find_now(key.get_surrogate_id(), ts_ms, seek);
   }
   invoke_cb(position);
 }
@@ -94,6 +97,11 @@ void position_t::publish(stats_handle_t *tuples) {
   if (!iter->get_current_value(&at, &error)) {
     krel_log(krel_error, "%s\n", error.c_str());
     set_error(std::move(error));
+    iter.reset();
+    return;
+  }
+  if (at.ts_ms < first_ms) {
+    no_data();
     iter.reset();
     return;
   }

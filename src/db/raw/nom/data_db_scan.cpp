@@ -52,14 +52,27 @@ class family_scan_c {
   }
   uint64_t id() const { return id_from_key(key().data()); }
   void next() { rocksdb_iter_next(m_iter); }
+  uint32_t floor_s() const {
+    uint32_t floor = 0;
+    krel_assert(timestamp_from_key(key(), &floor));
+    return floor;
+  }
   // Behind the last hour that this metric can have.
-  void skip_metric() {
-    char last[KEY_LEN];
-    make_key(id(), 0xffffffff, last);
-    rocksdb_iter_seek(m_iter, last, KEY_LEN);
+  void skip_metric() { seek(id(), 0xffffffff); }
+  // To that hour of the same metric when the record lies before it.
+  bool skip_carried(uint64_t start_s) {
+    if (floor_s() + uint64_t{RECORD_SIZE_S} > start_s) return false;
+    seek(id(), static_cast<uint32_t>(start_s / RECORD_SIZE_S * RECORD_SIZE_S));
+    return true;
   }
 
  private:
+  void seek(uint64_t surrogate_id, uint32_t to_floor_s) {
+    char to[KEY_LEN];
+    make_key(surrogate_id, to_floor_s, to);
+    rocksdb_iter_seek(m_iter, to, KEY_LEN);
+  }
+
   rocksdb_readoptions_t *m_options;
   rocksdb_iterator_t *m_iter;
 };
@@ -71,6 +84,7 @@ void data_db_c::accumulate_all_primary_keys(const std::function<void(uint64_t)> 
   for (rocksdb_column_family_handle_t *family : m.column_family_handles) {
     family_scan_c scan(m.db, family);
     while (scan.is_valid()) {
+      if (scan.skip_carried(m_start_ms / 1000)) continue;
       accumulator(scan.id());
       scan.skip_metric();
     }
@@ -86,6 +100,7 @@ bool data_db_c::stream_for_reconstitute(uint64_t start_s, uint64_t end_s, void *
     bool have_metric = false;
     uint64_t metric = 0;
     while (scan.is_valid()) {
+      if (scan.skip_carried(m_start_ms / 1000)) continue;
       if (!have_metric || scan.id() != metric) {
         have_metric = true;
         metric = scan.id();
@@ -96,8 +111,7 @@ bool data_db_c::stream_for_reconstitute(uint64_t start_s, uint64_t end_s, void *
           continue;
         }
       }
-      uint32_t floor_s;
-      krel_assert(timestamp_from_key(scan.key(), &floor_s));
+      const uint32_t floor_s = scan.floor_s();
       if (floor_s >= start_s && floor_s < end_s) {
         if (const char *bad = record_is_bad(m_datatype, scan.key(), scan.value())) {
           krel_log(krel_error, "ERROR: %s\n", bad);

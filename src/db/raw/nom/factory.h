@@ -17,6 +17,10 @@ class handle_c : public db::raw::raw_rollable_c {
     return m_db->write_record(surrogate_id, block_ts_s, record, kind);
   }
   void flush() override { m_db->flush(); }
+  size_t get_num_families() const override { return m_db->get_num_column_families(); }
+  std::unique_ptr<db::raw::raw_record_cursor_c> create_record_cursor(size_t family) override {
+    return m_db->create_record_cursor(family);
+  }
   data_db_c &get_data_db() { return *m_db; }
 
  private:
@@ -26,12 +30,13 @@ class handle_c : public db::raw::raw_rollable_c {
 // Safe from any thread.
 class factory_c : public db::raw::raw_rollable_factory_c {
  public:
-  // The buffer size of `params` is replaced by the configuration's at each open.
+  // The buffer size and the start of `params` are replaced at each open, by the configuration's and the
+  // shard's.
   explicit factory_c(const data_db_params_t &params) : m_params(params) {}
-  std::shared_ptr<db::raw::raw_rollable_c> open(const std::string &shard_path) override {
-    return open_priv(shard_path);
+  std::shared_ptr<db::raw::raw_rollable_c> open(const std::string &shard_path, uint64_t start_s) override {
+    return open_priv(shard_path, start_s);
   }
-  std::shared_ptr<handle_c> open_priv(const std::string &shard_path);
+  std::shared_ptr<handle_c> open_priv(const std::string &shard_path, uint64_t start_s = 0);
 
  private:
   const data_db_params_t m_params;

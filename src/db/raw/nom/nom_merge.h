@@ -20,6 +20,7 @@ enum class conflict_resolver_e : uint8_t {
   last_max = 5,
   last_abs_min = 6,
   last_min = 7,
+  newest = 8,  // the one written last; no word of the configuration
 };
 // "abs_biggest" and so on; any other word is last_abs_max.
 conflict_resolver_e conflict_resolver_from_word(std::string_view word);

@@ -40,6 +40,7 @@ bool value_wins(conflict_resolver_e resolver, T incoming, T kept) {
 template <typename T>
 bool incoming_wins(conflict_resolver_e resolver, uint32_t incoming_bits, T incoming, uint32_t kept_bits,
                    T kept) {
+  if (resolver == conflict_resolver_e::newest) return true;
   const auto number = static_cast<uint8_t>(resolver);
   if (number >= 4) {
     const uint32_t a = generation_of(incoming_bits), b = generation_of(kept_bits);

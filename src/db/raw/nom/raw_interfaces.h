@@ -149,6 +149,21 @@ class raw_reader_asynch_c {
 
 // ---- a shard's database
 
+// One family's whole records in key order, as they were when the cursor was made. Made for walks over all of
+// them: it reads ahead and leaves the cache of the readers alone. One thread; the database outlives it.
+class raw_record_cursor_c {
+ public:
+  virtual ~raw_record_cursor_c() = default;
+  virtual void seek_to_first() = 0;
+  virtual void seek(uint64_t surrogate_id) = 0;  // to the metric's first record, or to what follows it
+  virtual void next() = 0;
+  virtual bool is_valid() const = 0;  // false: at the end, or a read failed
+  // Until the next move, of a valid cursor. Nothing is checked.
+  virtual std::string_view get_key() const = 0;
+  virtual std::string_view get_record() const = 0;
+  virtual std::string get_error() const = 0;  // empty: none
+};
+
 class raw_rollable_c {
  public:
   virtual ~raw_rollable_c() = default;
@@ -160,14 +175,18 @@ class raw_rollable_c {
                             nomdb_type_e kind) = 0;
   // What was written is in table files when it returns.
   virtual void flush() = 0;
+  virtual size_t get_num_families() const = 0;
+  virtual std::unique_ptr<raw_record_cursor_c> create_record_cursor(size_t family) = 0;
 };
 
 class raw_rollable_factory_c {
  public:
   virtual ~raw_rollable_factory_c() = default;
   // The database in the directory `data` of a shard's directory, made when missing. Null, and a line in
-  // the log, when it cannot be opened. It closes with the last reference. Blocking.
-  virtual std::shared_ptr<raw_rollable_c> open(const std::string &shard_path) = 0;
+  // the log, when it cannot be opened. It closes with the last reference. Blocking. start_s: the shard's;
+  // samples before it were carried over from the shard before and are shown to who asks for them by their time
+  // only.
+  virtual std::shared_ptr<raw_rollable_c> open(const std::string &shard_path, uint64_t start_s) = 0;
 };
 
 }  // namespace db::raw

@@ -28,6 +28,8 @@ class fake_db_c : public raw_rollable_c, public raw_writer_asynch_c, public raw_
   raw_writer_asynch_c *get_writer_asynch() override { return this; }
   bool write_record(uint64_t, uint32_t, std::string_view, nomdb_type_e) override { return false; }
   void flush() override {}
+  size_t get_num_families() const override { return 0; }
+  std::unique_ptr<raw_record_cursor_c> create_record_cursor(size_t) override { return nullptr; }
   void find_asynch(const raw_key_c &, raw_reader_seek_e, raw_iter_found_f found, void *closure) override {
     raw_error_reader_c none("nothing is read here");
     found(nullptr, &none, closure);
@@ -64,7 +66,7 @@ class fake_db_c : public raw_rollable_c, public raw_writer_asynch_c, public raw_
 
 class fake_db_factory_c : public raw_rollable_factory_c {
  public:
-  std::shared_ptr<raw_rollable_c> open(const std::string &shard_path) override {
+  std::shared_ptr<raw_rollable_c> open(const std::string &shard_path, uint64_t) override {
     fake_content_t &c = content(shard_path);
     return c.fails_to_open ? nullptr : std::make_shared<fake_db_c>(&c);
   }

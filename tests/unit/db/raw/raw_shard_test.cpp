@@ -274,6 +274,10 @@ TEST_F(raw_shard, is_deleted_when_it_is_old_and_clean_and_not_before) {
   EXPECT_TRUE(std::filesystem::exists(path(NOW - DAY)));
   shard->get_rollup_progress().mark_clean();
   factory->try_delete_shard(shard);
+  EXPECT_TRUE(std::filesystem::exists(path(NOW - DAY)));  // clean, but not rolled up
+  shard->get_rollup_progress().mark_finished();
+  shard_metadata_impl_c().set_was_rolled(shard->get_dir_name(), true);
+  factory->try_delete_shard(shard);
   EXPECT_FALSE(std::filesystem::exists(path(NOW - DAY)));
   EXPECT_EQ(factory->find_shard_for_ts_even_if_offline((NOW - DAY) * 1000), nullptr);
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
