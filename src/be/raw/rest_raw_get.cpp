@@ -2,7 +2,6 @@
 
 #include "be/raw/rest_raw_get.h"
 
-#include <curl/curl.h>
 #include <fmt/format.h>
 
 #include <cstring>
@@ -10,16 +9,16 @@
 #include <memory>
 #include <string>
 
-#include "be/common/query_param.h"
+#include "be/common/proxied_read.h"
+#include "be/common/range_params.h"
 #include "be/hist/hist_stream.h"
+#include "be/raw/find_metric.h"
 #include "be/raw/raw_mgr.h"
-#include "be/raw/raw_put_write.h"
 #include "db/raw/reader.h"
 #include "db/surrogate/surrogate.h"
 #include "libvelmar/topo/topo.h"
 #include "libvelmar/util/tolv_proxy_buffer.h"
 #include "platform/krel/base/krel_log.h"
-#include "platform/krel/base/krel_memory.h"
 #include "platform/krel/base/krel_util.h"
 #include "rest/rest_helpers.h"
 #include "rest/rest_result.h"
@@ -27,9 +26,8 @@
 
 namespace {
 
-using velmar_be_common::param_result_e;
+using velmar_be_common::METRIC_PATH;
 
-constexpr const char *METRIC_PATH = "^([0-9a-fA-F]{4}(?:[0-9a-fA-F]{4}-){4}[0-9a-fA-F]{12})/(.+)$";
 constexpr size_t FLUSH_BYTES = 65536;
 constexpr int LIST_FLUSH_LINES = 100;
 
@@ -57,33 +55,13 @@ struct raw_get_t {
 
 // ---- parameters
 
-bool parse_time(krel_http_request_t *request, const char *name, const char *ts_name, uint64_t *out,
-                std::string *error) {
-  using namespace velmar_be_common;
-  const exclusive_parse_params_c<uint64_t> param({name, get_time_gm_ms_parser()},
-                                                 {ts_name, get_timestamp_s_ms_parser()});
-  switch (param.try_parse(request, out)) {
-    case param_result_e::ok:
-      return true;
-    case param_result_e::absent:
-      *error = fmt::format("need \"{}\" or \"{}\" argument.", name, ts_name);
-      break;
-    case param_result_e::conflict:
-      *error = fmt::format("only one of \"{}\" or \"{}\" should be provided.", name, ts_name);
-      break;
-    default:
-      *error = fmt::format("could not parse {} time.", name);
-  }
-  return false;
-}
-
 bool parse_params(krel_http_request_t *request, raw_get_t *get, std::string *error) {
   if (krel_http_request_querystring(request, "stream_tags")) {
     *error = "stream_tags param is deprecated, please provide a fully canonical name";
     return false;
   }
-  if (!parse_time(request, "start", "start_ts", &get->start_ms, error) ||
-      !parse_time(request, "end", "end_ts", &get->end_ms, error))
+  if (!velmar_be_common::parse_range_time(request, "start", "start_ts", &get->start_ms, error) ||
+      !velmar_be_common::parse_range_time(request, "end", "end_ts", &get->end_ms, error))
     return false;
   if (get->end_ms < get->start_ms) {
     *error = "\"end\" parameter must be less than or equal to \"start\"";
@@ -179,29 +157,13 @@ void sample_writer_c::add_histogram(uint64_t ts_ms, const dorn_record_m_value_t 
 
 // ---- the local read
 
-// The stored locator of the metric, or null. A metric that samples arrive for is found without a hop between
-// threads.
-metric_locator_sp find_canonical(const metric_locator_sp &locator) {
-  const velmar_metric_locator_t *l = locator.get();
-  {
-    const krel_memory_section_c section;
-    const be::raw::metric_name_t name{
-        velmar_metric_locator_get_check_uuid(l),
-        be::raw::ANY_ACCOUNT,
-        {velmar_metric_locator_get_name_with_tags(l), velmar_metric_locator_get_name_len_with_tags(l)}};
-    if (const auto *entry = be::raw::raw_mgr().known.find(name)) return metric_locator_sp(entry->locator);
-  }
-  const uint64_t id = velmar_global_surrogate_get_synch(locator);
-  return id ? velmar_global_surrogate_reverse_get_synch(id) : nullptr;
-}
-
 void read_local(raw_get_t *get) {
   const char *name = velmar_metric_locator_get_name_with_tags(get->locator.get());
   const db::raw::raw_shard_factory_c *factory =
       get->histogram ? rest_raw_mgr_get_histogram_factory() : rest_raw_mgr_get_numeric_factory();
   if (!factory)
     return get->fail(REST_SERVER_ERROR, fmt::format("not configured to store raw {} data", get->kind()));
-  const metric_locator_sp canonical = find_canonical(get->locator);
+  const metric_locator_sp canonical = be::raw::find_canonical_metric(get->locator);
   const uint64_t id = canonical ? velmar_metric_locator_get_surrogate_id(canonical.get()) : 0;
   if (!canonical) return get->fail(REST_NOT_FOUND, fmt::format("{} not in surrogate-db.", name));
   const int wanted = get->histogram ? METRIC_TYPE_HISTOGRAM : METRIC_TYPE_NUMERIC;
@@ -225,38 +187,9 @@ void read_local(raw_get_t *get) {
   writer.end();
 }
 
-// ---- placement
-
-std::string escape(std::string_view text) {
-  char *escaped = curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size()));
-  std::string result = escaped ? escaped : "";
-  curl_free(escaped);
-  return result;
-}
-
-// This node when it owns the metric, else the primary owner.
-const host_config *pick_system(const velmar_metric_locator_t *locator) {
-  host_config *owners[TOPO_MAX_WRITE_COPIES];
-  const int count = topo_find_insertion_point_config_locator(topo_target(), locator, owners, 0);
-  const topo_uuid_t me = topo_me();
-  for (int i = 0; i < count; i++)
-    if (owners[i]->id == me) return owners[i];
-  return count ? owners[0] : nullptr;
-}
-
 void read_proxied(raw_get_t *get, const host_config *host) {
-  char uuid[KREL_UUID_STR_LEN + 1];
-  krel_uuid_unparse_lower(velmar_metric_locator_get_check_uuid(get->locator.get()), uuid);
-  const std::string_view name(velmar_metric_locator_get_name_with_tags(get->locator.get()),
-                              velmar_metric_locator_get_name_len_with_tags(get->locator.get()));
-  char me[KREL_UUID_STR_LEN + 1];
-  krel_uuid_unparse_lower(topo_me().data(), me);
-  peer_request_t request;
-  topo_curl_setup(&request, topo_target());
-  request.url = fmt::format("{}/{}/{}/{}{}{}", topo_host_config_url_prefix(host),
-                            get->histogram ? "histogram_raw" : "raw", uuid, escape(name),
-                            get->query.empty() ? "" : "?", get->query);
-  request.headers.push_back(fmt::format("X-Velmar-Proxied: {}", me));
+  peer_request_t request = velmar_be_common::make_proxied_read(host, get->histogram ? "histogram_raw" : "raw",
+                                                               get->locator.get(), get->query);
   tolv_proxy_buffer_t buffer;
   if (!buffer.perform("rest_raw_get", std::move(request))) {
     get->proxy_httpcode = buffer.get_httpcode() ? static_cast<int>(buffer.get_httpcode()) : 500;
@@ -271,7 +204,7 @@ int rest_raw_get_asynch(krelev_event_t, int mask, void *closure, const struct ti
   auto *get = static_cast<raw_get_t *>(closure);
   if (mask == KRELEV_ASYNCH_COMPLETE) krel_http_session_resume_after_float(get->session);
   if (mask != KRELEV_ASYNCH_WORK) return 0;
-  const host_config *host = topo_target() ? pick_system(get->locator.get()) : nullptr;
+  const host_config *host = velmar_be_common::pick_best_system(get->locator.get());
   if (!host)
     get->fail(REST_SERVER_ERROR, "no topology: the owners of the metric are not known");
   else if (get->proxied_to_me || host->id == topo_me())

@@ -100,6 +100,7 @@ bool tolv_proxy_buffer_t::perform(const char *who, peer_request_t request,
   krel_assert(!krelev_in_loop());
   drop();
   m_failed = false;
+  m_error_body.clear();
   if (const uint64_t task = krel_task_get_current_task())
     request.headers.push_back(fmt::format("X-Velmar-TaskId: {}", task));
   const peer_result_t result = peer_http()->perform(
@@ -109,6 +110,8 @@ bool tolv_proxy_buffer_t::perform(const char *who, peer_request_t request,
   if (result.code != 0 || m_failed) {
     log_failure(who, request, result);
     if (result.httpcode == 200) m_httpcode = 500;
+  } else if (m_error_limit) {
+    m_error_body = mmap().substr(0, m_error_limit);
   }
   drop();
   return false;

@@ -26,6 +26,9 @@ class tolv_proxy_buffer_t {
   // transfer broke, 0 when there was no answer). Adds the header of the current task.
   bool perform(const char *who, peer_request_t request, const peer_header_callback_t &on_header = nullptr);
 
+  // From now on the first bytes of an answer that is not a 200 are kept.
+  void keep_error_body(size_t limit) { m_error_limit = limit; }
+  const std::string &get_error_body() const { return m_error_body; }
   uint64_t get_len() const { return m_len; }
   int64_t get_httpcode() const { return m_httpcode; }
   bool has_valid_fd() const { return m_fd >= 0; }
@@ -47,6 +50,8 @@ class tolv_proxy_buffer_t {
   int m_fd = -1;
   bool m_failed = false;
   int64_t m_httpcode = 0;
+  size_t m_error_limit = 0;
+  std::string m_error_body;
   void *m_mmap_buf = nullptr;
   size_t m_mmap_len = 0;
 };

@@ -49,6 +49,13 @@ TEST_F(tolv_proxy_buffer, an_answer_other_than_200_leaves_its_code_and_nothing_e
   EXPECT_EQ(buffer.get_httpcode(), 404);
   EXPECT_EQ(buffer.get_len(), 0U);
   EXPECT_FALSE(buffer.has_valid_fd());
+  EXPECT_EQ(buffer.get_error_body(), "");
+  buffer.keep_error_body(6);
+  EXPECT_FALSE(perform({404, "not here"}));
+  EXPECT_EQ(buffer.get_error_body(), "not he");
+  EXPECT_FALSE(buffer.has_valid_fd());
+  EXPECT_TRUE(perform({200, "here"}));
+  EXPECT_EQ(buffer.get_error_body(), "");
 }
 
 TEST_F(tolv_proxy_buffer, a_transfer_that_breaks_is_an_error_of_500) {
