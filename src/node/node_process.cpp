@@ -11,6 +11,7 @@
 #include "be/ingestion/rest_ingestion.h"
 #include "be/raw/raw_mgr.h"
 #include "be/raw/rest_raw_get.h"
+#include "be/raw/rest_raw_merge.h"
 #include "be/raw/rest_raw_put.h"
 #include "global/velmar_global_db.h"
 #include "global/velmar_global_state.h"
@@ -172,6 +173,7 @@ void init_routes() {
   if (!settings.ephemeral) {
     rest_ingestion_control_init();
     rest_raw_put_init();
+    rest_raw_merge_init();
   }
   replicate_mgr_register_web_ui();
 }

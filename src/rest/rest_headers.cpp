@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "libvelmar/topo/topo.h"
 #include "platform/krel/base/krel_log.h"
 #include "platform/krel/base/krel_util.h"
 #include "rest/rest_helpers.h"
@@ -84,4 +85,11 @@ bool rest_is_node_down(const rest_uuid_t &node, const std::vector<rest_uuid_t> &
 bool timed_out(const struct timeval &now, const struct timeval &start, int64_t limit_ms) {
   if (limit_ms == 0) return false;
   return (now.tv_sec - start.tv_sec) * 1000 + (now.tv_usec - start.tv_usec) / 1000 >= limit_ms;
+}
+
+bool http_validate_target_topo(krel_http_session_t *session) {
+  const char *named = header(session, "x-target-topology");
+  for (const topo_config *in_force : {topo_active(), topo_next_active()})
+    if (named && in_force && strcasecmp(named, topo_signature(in_force)) == 0) return true;
+  return false;
 }

@@ -49,6 +49,8 @@ bool rest_x_velmar_proxied_on(krel_http_session_t *session);
 // Milliseconds left for the work; none when the header is missing or invalid (logged).
 std::optional<int64_t> rest_x_velmar_timeout(krel_http_session_t *session);
 std::optional<struct timeval> rest_x_velmar_deadline(krel_http_session_t *session);
+// Does the sender of a merge mean a topology that is in force here, this one or the next?
+bool http_validate_target_topo(krel_http_session_t *session);
 int rest_helper_adopt_taskid(krel_http_rest_closure_t *restc);  // a handler hook
 using rest_uuid_t = std::array<uint8_t, 16>;
 std::vector<rest_uuid_t> rest_get_down_nodes(krel_http_session_t *session);

@@ -65,14 +65,14 @@ class Answer:
 class Node:
     """One node. `edit` changes the text of its configuration before the first start."""
 
-    def __init__(self, edit=None):
+    def __init__(self, edit=None, node_id=None, topology=None):
         self.directory = tempfile.mkdtemp(prefix="velmar-node-")
         self.conf = os.path.join(self.directory, "velmar.conf")
         self.log_path = os.path.join(self.directory, "log")
         self.topology_dir = os.path.join(self.directory, "topology")
-        self.id = str(uuid.uuid4())
+        self.id = node_id or str(uuid.uuid4())
         os.mkdir(self.topology_dir)
-        self.signature = self.install_topology(self.topology_xml())
+        self.signature = self.install_topology(topology or self.topology_xml())
         with open(os.path.join(ROOT, "etc", "velmar.conf")) as f:
             text = f.read()
         for mark, value in (("@DATA@", self.directory), ("@SIGNATURE@", self.signature),

@@ -46,6 +46,10 @@ http_put_c::http_put_c(krel_http_session_t *session, size_t longest_line, krel_l
       m_longest_line(std::min(longest_line, HTTP_PUT_LONGEST_LINE)),
       m_log(log) {}
 
+krelev_jobq_t *http_put_c::parse_jobq() const {
+  return raw_mgr().parse_jobq;
+}
+
 int http_put_c::start(krel_http_rest_closure_t *restc, http_put_c *put) {
   restc->call_closure = put;
   restc->call_closure_free = http_side_ended;
@@ -95,7 +99,7 @@ void http_put_c::start_chunk() {
   m_chunk.clear();
   chunk->joiner = libvelmar_join_create_child(request->joiner, chunk_t::stored, chunk);
   // leaves the loop, reaches a thread of the parse queue
-  krelev_jobq_run(raw_mgr().parse_jobq, [chunk] { chunk->parse(); });
+  krelev_jobq_run(parse_jobq(), [chunk] { chunk->parse(); });
 }
 
 // Hands the complete lines to a parse job. Floats when 16 chunks are under way or the memory for another is

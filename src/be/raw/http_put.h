@@ -13,6 +13,7 @@
 #include "platform/krel/http/krel_http.h"
 
 struct krel_log_stream_t;
+struct krelev_jobq_t;
 
 namespace be::raw {
 
@@ -35,6 +36,8 @@ class http_put_c {
   // On a parse thread, inside a memory section: complete lines, each with its newline; the text may be changed.
   // False: the chunk is given up.
   virtual bool parse(char *text, size_t length, size_t lines, raw_batch_t *batch) = 0;
+  // Where the chunks are parsed.
+  virtual krelev_jobq_t *parse_jobq() const;
   // On the loop thread. As much of the body as is there.
   virtual step_e read_body(int *mask) { return read_lines(mask); }
   // On the loop thread. A line that is too long has been counted and dropped.

@@ -31,12 +31,16 @@ struct sent_name_t {
   std::string name;
 };
 
+// Whether the samples go to the journals of the metrics' other owners.
+enum class batch_journal_e : uint8_t { journal, no_journal };
+
 struct raw_batch_t {
   std::vector<db::raw::nom_sample_t> samples;  // in order of arrival, one for each entry of `numerics`
   std::vector<batch_numeric_t> numerics;
   std::unique_ptr<histogram_data_t> histograms;
   // Names as sent of the metrics that are not known yet, in order: remembered under them later.
   std::vector<sent_name_t> names_as_sent;
+  batch_journal_e journal = batch_journal_e::journal;
 
   size_t size() const { return numerics.size() + (histograms ? static_cast<size_t>(histograms->count) : 0); }
   bool empty() const { return size() == 0; }

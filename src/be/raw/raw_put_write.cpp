@@ -110,7 +110,7 @@ void batch_write_c::fail(int code, const char *text, uint64_t rows, long timesta
 }
 
 void batch_write_c::journal_out() {
-  if (m_given_up) return;
+  if (m_given_up || m_batch.journal == batch_journal_e::no_journal) return;
   if (journal_sink_c *sink = journal_sink.load(std::memory_order_acquire)) {
     krel_assert(sink->append(m_batch));  // no write may be acknowledged that a peer might miss
     return;
@@ -280,6 +280,7 @@ void raw_mgr_process_batch(raw_put_request_t *request, libvelmar_join_t joiner, 
     if (raw_mgr().histogram_writer) {
       raw_batch_t histograms;
       histograms.histograms = std::move(batch.histograms);
+      histograms.journal = batch.journal;
       (new histogram_write_c(request, std::move(histograms)))->start(joiner, raw_mgr().hist_ingest_jobq);
     } else {
       request->counters.errors.fetch_add(static_cast<uint32_t>(batch.histograms->count),
