@@ -434,7 +434,7 @@ krel_http_connection_t::step_e krel_http_connection_t::die() {
 void krel_http_connection_t::on_deadline() {
   switch (state) {
     case http_state_e::header:
-      if (!out.empty() || (!session && served))
+      if (!out.empty() || (!session && served) || !transport->is_established())
         die();
       else
         refuse(408, "the request's header took too long");

@@ -77,6 +77,7 @@ class tls_transport_c final : public http_transport_c {
     ::shutdown(m_fd, SHUT_WR);
   }
 
+  bool is_established() const override { return SSL_is_init_finished(m_ssl.get()); }
   bool pending() const override { return SSL_pending(m_ssl.get()) > 0; }
   int read_needs() const override { return m_read_needs; }
   int write_needs() const override { return m_write_needs; }

@@ -22,6 +22,8 @@ class http_transport_c {
   // From the file at *offset on, which is advanced. A file shorter than `length` breaks the stream.
   virtual ssize_t send_file(int fd, off_t *offset, size_t length) = 0;
   virtual void shutdown_write() = 0;
+  // False while a handshake is under way: nothing of ours can be sent.
+  virtual bool is_established() const { return true; }
   // Bytes that were taken off the socket and wait in the transport: no event will tell of them.
   virtual bool pending() const { return false; }
   // The event that lets an interrupted read or write go on, as KRELEV_READ or KRELEV_WRITE.
