@@ -22,7 +22,7 @@ find_package(json-c CONFIG REQUIRED)                 # json-c::json-c
 find_package(GTest CONFIG REQUIRED)                  # GTest::gtest_main GTest::gmock_main
 find_package(benchmark CONFIG REQUIRED)              # benchmark::benchmark
 find_package(PkgConfig REQUIRED)
-foreach(pc lmdb ck yajl libpcre liblz4 libzstd libevent libevent_pthreads libevent_openssl uuid)
+foreach(pc lmdb libdeflate ck yajl libpcre liblz4 libzstd libevent libevent_pthreads libevent_openssl uuid)
   pkg_check_modules(${pc} REQUIRED IMPORTED_TARGET ${pc}) # PkgConfig::lmdb ...
 endforeach()
 
@@ -31,6 +31,14 @@ add_library(llhttp STATIC ${_llhttp_sources})
 target_compile_options(llhttp PRIVATE -w -O2)
 target_compile_definitions(llhttp PUBLIC LLHTTP_STRICT_MODE=1) # a bare LF ends no line
 target_include_directories(llhttp SYSTEM PUBLIC "${DEPS_DIR}/llhttp")
+
+# C only. Its sanitizer build carries a weak __asan_default_options of its own: renamed away.
+add_library(mdbx STATIC "${DEPS_DIR}/libmdbx/mdbx.c")
+target_compile_definitions(mdbx PRIVATE NDEBUG=1 MDBX_BUILD_SHARED_LIBRARY=0 "MDBX_BUILD_FLAGS=\"cmake\""
+                                        __asan_default_options=mdbx_unused_asan_options)
+target_compile_options(mdbx PRIVATE -w -O2)
+target_include_directories(mdbx SYSTEM PUBLIC "${DEPS_DIR}/libmdbx")
+target_link_libraries(mdbx PUBLIC Threads::Threads)
 
 add_library(fbs INTERFACE) # <flatbuffers/...> and <flatbuffers64/...>
 target_include_directories(fbs SYSTEM INTERFACE "${DEPS_DIR}/include")
