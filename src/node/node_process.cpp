@@ -13,9 +13,11 @@
 #include "be/raw/rest_raw_get.h"
 #include "be/raw/rest_raw_merge.h"
 #include "be/raw/rest_raw_put.h"
+#include "be/rollup/rest_rollup_get.h"
 #include "global/velmar_global_db.h"
 #include "global/velmar_global_state.h"
 #include "ingestion/metric_validation.h"
+#include "libvelmar/nnt/nnt_multitype.h"
 #include "libvelmar/topo/topo.h"
 #include "libvelmar/util/tolv_proxy_buffer.h"
 #include "node/config_dump.h"
@@ -160,6 +162,7 @@ int init_topology() {
 }
 
 void init_stores() {
+  init_private_nan();
   velmar_global_locators_init();
   velmar_global_db_init(settings.node_id.c_str(), settings.ephemeral);
   db::ingestion::metric_validation_init();
@@ -169,6 +172,7 @@ void init_stores() {
 
 void init_routes() {
   rest_raw_get_init();
+  rest_rollup_get_init();
   http_response_starting_hook_register("x-topo", inject_x_topo);
   if (!settings.ephemeral) {
     rest_ingestion_control_init();
@@ -205,6 +209,7 @@ int child_main() {
   if (velmar_initialized_hook_invoke() == 2) krel_fatal("Some module aborted during initialization.\n");
   krel_main_on_shutdown("surrogate database", velmar_global_db_close);
   krel_main_on_shutdown("raw stores", rest_raw_mgr_close);
+  krel_main_on_shutdown("readers of rollups", rest_rollup_get_close);
   krel_main_on_shutdown("listeners", drain_requests);
   krel_listener_init(APP);
   krel_log(krel_notice, "Finish velmard initialization sequence\n");
