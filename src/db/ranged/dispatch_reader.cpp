@@ -20,6 +20,10 @@ bool has_failed(const iter_synch_c &iter) {
   return error.m_is_valid && error.m_code != code_e::NO_SUCH_ROLLUP;
 }
 
+// Gaps that are searched one by one. When there are more, the rest of the range is read from the backup at
+// once, and the gaps are cut out of that.
+constexpr unsigned SINGLE_GAPS = 8;
+
 class iter_handle_c : public db::ranged::iter_base_c {
  public:
   iter_handle_c(const ranged_c::key_c &key, const ranged_reader_c *primary, const ranged_reader_c *backup,
@@ -57,6 +61,7 @@ class iter_handle_c : public db::ranged::iter_base_c {
   void update_primary_pos();
   void find_backup();
   bool show_backup();
+  bool read_rest(uint64_t pos);
   void fail(db::kv::read_error_c error) {
     m_backup.reset();
     set_error(error.m_key, error.m_code);
@@ -67,8 +72,11 @@ class iter_handle_c : public db::ranged::iter_base_c {
   const bool m_all_gaps;
   iter_synch_up m_primary;  // null: the backup has the whole range
   iter_synch_up m_backup;   // while it gives runs
-  uint64_t m_count = 0;     // cells of the range; the primary's run can be shorter
-  uint64_t m_pos = 0;       // the first cell not yet delivered
+  iter_synch_up m_rest;     // one run of the backup from m_rest_pos to the range's end, cell by cell
+  uint64_t m_rest_pos = 0;
+  unsigned m_gaps = 0;
+  uint64_t m_count = 0;  // cells of the range; the primary's run can be shorter
+  uint64_t m_pos = 0;    // the first cell not yet delivered
 };
 
 // Behind the cells from m_pos on that the primary delivers in one run.
@@ -93,12 +101,33 @@ void iter_handle_c::update_primary_pos() {
                      {time_of(beg), run.m_rollup_span, m_pos - beg, run.m_value + beg});
     }
     while (m_pos < m_count && !holds_value(m_pos)) m_pos++;
+    if (m_rest || (++m_gaps == SINGLE_GAPS && m_pos < m_count && read_rest(beg))) {
+      const ranged_c::value_c &rest = m_rest->get_value();
+      return set_run(m_search_key.m_metric_locator,
+                     {time_of(beg), rest.m_rollup_span, m_pos - beg, rest.m_value + (beg - m_rest_pos)});
+    }
     m_search_key.m_start = time_of(beg);
     m_search_key.m_end = time_of(m_pos);
     m_backup = m_backup_reader->find_synch(m_search_key);
     if (show_backup()) return;
   }
   set_end();
+}
+
+// False when the backup does not have the rest as one run of cells like the primary's.
+bool iter_handle_c::read_rest(uint64_t pos) {
+  ranged_c::key_c key = m_search_key;
+  key.m_start = time_of(pos);
+  key.m_end = time_of(m_count);
+  iter_synch_up rest = m_backup_reader->find_synch(key);
+  if (!rest->is_valid()) return false;
+  const ranged_c::value_c &run = rest->get_value();
+  if (run.m_beg != key.m_start || run.m_rollup_span != m_primary->get_value().m_rollup_span ||
+      run.m_count != m_count - pos)
+    return false;
+  m_rest = std::move(rest);
+  m_rest_pos = pos;
+  return true;
 }
 
 void iter_handle_c::find_backup() {

@@ -1,10 +1,10 @@
 #include "db/ranged/nntbs_reader.h"
 
 #include <algorithm>
-#include <atomic>
 #include <new>
 
 #include "db/ranged/nntbs/nntbs.h"
+#include "db/ranged/nntbs/nntbs_hooks.h"
 #include "db/ranged/run_iter.h"
 #include "db/ranged/whisper_reader.h"
 #include "platform/krel/base/krel_log.h"
@@ -15,26 +15,6 @@ namespace db::ranged::nntbs {
 namespace {
 
 using db::kv::code_e;
-
-struct fetch_hook_t {
-  fetch_nntbs_data_f function;
-  void *closure;
-  fetch_hook_t *next;
-};
-std::atomic<fetch_hook_t *> hooks{nullptr};  // entries are never removed
-
-// Whether a hook has read.
-bool invoke_hooks(const metric_locator_sp &locator, uint64_t start_s, uint64_t count, unsigned collapse,
-                  nnt_multitype *cells, const rollup_config_t &cfg, size_t *read_count) {
-  bool has_read = false;
-  for (const fetch_hook_t *hook = hooks.load(std::memory_order_acquire); hook; hook = hook->next) {
-    const int result = hook->function(hook->closure, locator, start_s, count, collapse, cells, &cfg,
-                                      MAX_READ_FOR_COLLAPSE, read_count);
-    if (result == 2) return true;
-    has_read = has_read || result == 1;
-  }
-  return has_read;
-}
 
 // Source cells in order of time: those that the imported file has, the rest from the store.
 class source_cells_c {
@@ -91,12 +71,6 @@ int cell_source_c::get_metadata(const metric_locator_sp &locator, unsigned perio
 const cell_source_c &node_cell_source() {
   static const cell_source_c source;
   return source;
-}
-
-void fetch_nntbs_data_hook_register(fetch_nntbs_data_f function, void *closure) {
-  auto *hook = new fetch_hook_t{function, closure, hooks.load(std::memory_order_relaxed)};
-  while (!hooks.compare_exchange_weak(hook->next, hook, std::memory_order_release, std::memory_order_relaxed)) {
-  }
 }
 
 bool read_and_accumulate_nntbs(const reader_params_t &params, const metric_locator_sp &locator,
@@ -164,7 +138,8 @@ db::kv::iter_synch_up ctx_c::find_synch(const db::kv::ranged_c::key_c &key) cons
   try {
     cells.resize(count);
     std::string error;
-    if (!invoke_hooks(key.m_metric_locator, start_s, count, collapse, cells.data(), *cfg, &read_count) &&
+    if (fetch_nntbs_data_hook_invoke(key.m_metric_locator, start_s, count, collapse, cells.data(), cfg,
+                                     MAX_READ_FOR_COLLAPSE, &read_count) == NNTBS_HOOK_CONTINUE &&
         !read_and_accumulate_nntbs(m_params, key.m_metric_locator, start_s, count, collapse, cells.data(), *cfg,
                                    MAX_READ_FOR_COLLAPSE, &read_count, &error)) {
       krel_log(krel_error, "db/ranged/nntbs error: %s\n", error.substr(0, error.find('\n')).c_str());

@@ -2,8 +2,6 @@
 // Cells from the rollup store: of a period that serves the span, several of them merged into one where the
 // span is longer; imported files are asked before the store.
 
-#include <functional>
-
 #include "db/ranged/nntbs/rollup_config.h"
 #include "db/ranged/ranged.h"
 
@@ -25,15 +23,6 @@ class cell_source_c {
                            uint64_t *apocalypse) const;
 };
 const cell_source_c &node_cell_source();
-
-// May give the `count` cells of cfg.period * collapse seconds from start_s on in place of the store: sets
-// *read_count. 0: it has not read; 1: it has; 2: it has, and no further hook is asked.
-using fetch_nntbs_data_f = int (*)(void *closure, const metric_locator_sp &locator, uint64_t start_s,
-                                   uint64_t count, unsigned collapse, nnt_multitype *cells,
-                                   const rollup_config_t *cfg, size_t max_read_for_collapse,
-                                   size_t *read_count);
-// At start; the last one registered is asked first.
-void fetch_nntbs_data_hook_register(fetch_nntbs_data_f function, void *closure);
 
 struct reader_params_t {
   const rollup_config_set_t *rollups = nullptr;

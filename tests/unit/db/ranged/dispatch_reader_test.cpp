@@ -106,6 +106,20 @@ TEST_F(dispatch, the_backup_is_asked_for_the_gaps_alone) {
   EXPECT_EQ(pieces.size(), 5U);
 }
 
+TEST_F(dispatch, many_gaps_are_read_together) {
+  std::map<uint64_t, double> model;
+  for (uint64_t i = 0; i < 1000; i++) {
+    model[at(i)] = static_cast<double>(i);
+    (i % 3 ? primary : backup).values[at(i)] = static_cast<double>(i);
+  }
+  EXPECT_EQ(flatten(read_all(ctx_c(&primary, &backup, true), range(1000))), model);
+  EXPECT_LT(backup.keys.size(), 10U);
+  backup.keys.clear();
+  backup.run_cells = 1;  // no run holds them all
+  EXPECT_EQ(flatten(read_all(ctx_c(&primary, &backup, true), range(1000))), model);
+  EXPECT_GT(backup.keys.size(), 300U);
+}
+
 TEST_F(dispatch, a_coarser_run_reaches_the_client_with_its_own_span) {
   fake_reader_c coarse{5 * SPAN};
   coarse.values[at(3)] = 42;

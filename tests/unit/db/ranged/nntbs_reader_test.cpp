@@ -4,6 +4,7 @@
 
 #include <deque>
 
+#include "db/ranged/nntbs/nntbs_hooks.h"
 #include "db/ranged/whisper_reader.h"
 #include "ranged_support.h"
 #include "support/log_capture.h"
@@ -226,7 +227,7 @@ TEST_F(nntbs_reader, z_hooks_may_read_in_place_of_the_store) {
   put(60, T, 1);
   static int result;
   static std::vector<int> asked;
-  static const auto hook = [](void *closure, const metric_locator_sp &, uint64_t start_s, uint64_t count,
+  static const auto hook = [](void *closure, const metric_locator_sp &, uint64_t start_s, size_t count,
                               unsigned collapse, nnt_multitype *cells, const rollup_config_t *cfg,
                               size_t window, size_t *read_count) {
     const int which = *static_cast<int *>(closure);
