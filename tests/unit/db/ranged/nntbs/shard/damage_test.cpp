@@ -119,7 +119,7 @@ TEST_P(damage_c, no_mutation_takes_the_process_down) {
   const size_t pages = used_pages();
   int refused = 0;
   const char *const more = getenv("VELMAR_MUTATIONS");
-  const uint64_t seeds = more ? strtoull(more, nullptr, 10) : lmdb ? 400 : 100;
+  const uint64_t seeds = more ? strtoull(more, nullptr, 10) : lmdb ? 200 : 60;
   for (uint64_t seed = 1; seed <= seeds; ++seed) {
     std::mt19937_64 random(seed);
     std::string bytes = m_good;
