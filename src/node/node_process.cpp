@@ -9,10 +9,12 @@
 
 #include "be/common/accept.h"
 #include "be/ingestion/rest_ingestion.h"
+#include "be/nntbs/nntbs_mgr.h"
 #include "be/raw/raw_mgr.h"
 #include "be/raw/rest_raw_get.h"
 #include "be/raw/rest_raw_merge.h"
 #include "be/raw/rest_raw_put.h"
+#include "be/raw/rest_raw_rollup.h"
 #include "be/rollup/rest_rollup_get.h"
 #include "global/velmar_global_db.h"
 #include "global/velmar_global_state.h"
@@ -166,7 +168,8 @@ void init_stores() {
   velmar_global_locators_init();
   velmar_global_db_init(settings.node_id.c_str(), settings.ephemeral);
   db::ingestion::metric_validation_init();
-  if (!settings.ephemeral) rest_raw_mgr_init(settings.node_id.c_str());
+  nntbs_mgr_init(settings.node_id.c_str(), settings.ephemeral, settings.reconstitute_mode);
+  if (!settings.ephemeral) rest_raw_mgr_init(settings.node_id.c_str(), nntbs_mgr_get_rollup_configs());
   replicate_mgr_rest_init(settings.ephemeral, velmar_version());
 }
 
@@ -177,6 +180,7 @@ void init_routes() {
   if (!settings.ephemeral) {
     rest_ingestion_control_init();
     rest_raw_put_init();
+    rest_raw_rollup_init();
     rest_raw_merge_init();
   }
   replicate_mgr_register_web_ui();
@@ -208,6 +212,7 @@ int child_main() {
   init_routes();
   if (velmar_initialized_hook_invoke() == 2) krel_fatal("Some module aborted during initialization.\n");
   krel_main_on_shutdown("surrogate database", velmar_global_db_close);
+  krel_main_on_shutdown("numeric rollups", nntbs_mgr_close);
   krel_main_on_shutdown("raw stores", rest_raw_mgr_close);
   krel_main_on_shutdown("readers of rollups", rest_rollup_get_close);
   krel_main_on_shutdown("listeners", drain_requests);

@@ -109,8 +109,8 @@ class WithConfiguration(unittest.TestCase):
         self.ends(lambda text: text.replace('active="', 'active="0'), ["no active topology!"], 2)
 
     def test_durations(self):
-        self.ends(lambda text: text.replace('granularity="1d"', 'granularity="1x"'),
-                  ["[FATAL] ", "could not parse timeshard granularity parameter."], -6)
+        self.ends(lambda text: text.replace('min_delete_age="4w"', 'min_delete_age="1x"'),
+                  ["[FATAL] ", "could not parse timeshard min_delete_age parameter."], -6)
         self.ends(lambda text: text.replace('min_delete_age="4w"', 'min_delete_age="1h"', 1),
                   ["[FATAL] ", "The min_delete_age setting for raw_database must be larger than the "
                    "rollup_after_quiescent_age (default 8hr)\n"], -6)

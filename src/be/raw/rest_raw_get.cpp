@@ -11,6 +11,7 @@
 
 #include "be/common/proxied_read.h"
 #include "be/common/range_params.h"
+#include "be/hist/hist_shard_mgr.h"
 #include "be/hist/hist_stream.h"
 #include "be/raw/find_metric.h"
 #include "be/raw/raw_mgr.h"
@@ -37,6 +38,7 @@ struct raw_get_t {
   krel_http_session_t *session;
   bool histogram;
   bool proxied_to_me;
+  const hist_rollup_config_t *rollup = nullptr;  // of a read of histogram rollups
   uint64_t start_ms = 0, end_ms = 0;
   metric_locator_sp locator;
   std::string query;
@@ -51,6 +53,14 @@ struct raw_get_t {
     error = std::move(text);
   }
   const char *kind() const { return histogram ? "histogram" : "numeric"; }
+  const db::raw::raw_shard_factory_c *factory() const {
+    if (rollup) return rest_hist_shard_mgr_get_factory(rollup->index);
+    return histogram ? rest_raw_mgr_get_histogram_factory() : rest_raw_mgr_get_numeric_factory();
+  }
+  std::string route() const {
+    if (rollup) return fmt::format("histogram/{}", rollup->period);
+    return histogram ? "histogram_raw" : "raw";
+  }
 };
 
 // ---- parameters
@@ -74,19 +84,22 @@ bool parse_params(krel_http_request_t *request, raw_get_t *get, std::string *err
 
 class sample_writer_c {
  public:
-  explicit sample_writer_c(raw_get_t *get) : m_get(get), m_buffer{get->session, "[", 0} {
+  explicit sample_writer_c(raw_get_t *get)
+      : m_get(get), m_buffer{get->session, "[", 0}, m_period_s(get->rollup ? get->rollup->period : 0) {
     m_stream.started = false;
     m_flush_samples = rest_raw_mgr_get_streaming_limit(get->histogram);
   }
 
   // False once the client is gone.
   bool add(uint64_t ts_ms, const dorn_record_m_value_t &value) {
+    if (m_period_s && m_count && !fill_until(ts_ms)) return false;
     if (m_get->histogram)
       add_histogram(ts_ms, value);
     else
       add_number(ts_ms, value);
+    m_last_ms = ts_ms;
     m_count++;
-    return m_buffer.buffer.size() < FLUSH_BYTES && m_count % m_flush_samples != 0 ? true : flush();
+    return m_count % m_flush_samples != 0 ? flush_some() : flush();
   }
   void end() {
     m_buffer.buffer += "\n]";
@@ -97,11 +110,15 @@ class sample_writer_c {
  private:
   void add_number(uint64_t ts_ms, const dorn_record_m_value_t &value);
   void add_histogram(uint64_t ts_ms, const dorn_record_m_value_t &value);
+  bool fill_until(uint64_t ts_ms);
+  bool flush_some() { return m_buffer.buffer.size() < FLUSH_BYTES || flush(); }
   bool flush();
 
   raw_get_t *const m_get;
   flush_buffer_t m_buffer;
   hist_stream_t m_stream;
+  const unsigned m_period_s;  // of a rollup
+  uint64_t m_last_ms = 0;
   size_t m_count = 0, m_flush_samples;
 };
 
@@ -143,24 +160,35 @@ void sample_writer_c::add_number(uint64_t ts_ms, const dorn_record_m_value_t &va
   }
 }
 
+// The slots of a rollup that have no data between two that have.
+bool sample_writer_c::fill_until(uint64_t ts_ms) {
+  const hist_ptr empty(hist_alloc());
+  const uint64_t period_ms = uint64_t{m_period_s} * 1000;
+  for (uint64_t at_ms = m_last_ms + period_ms; at_ms < ts_ms; at_ms += period_ms) {
+    krel_log(krel_debug, "Creating filler rollup datapoint %lu\n", at_ms);
+    hist_stream(&m_buffer.buffer, &m_stream, at_ms, m_period_s, empty.get());
+    if (!flush_some()) return false;
+  }
+  return true;
+}
+
 void sample_writer_c::add_histogram(uint64_t ts_ms, const dorn_record_m_value_t &value) {
   const dorn_record_bytes_t *bytes = value.is_null ? nullptr : value.storage.v_bytes;
   hist_ptr hist(hist_alloc());
   if (bytes &&
       hist_deserialize(hist.get(), bytes->bytes, bytes->length) == static_cast<ssize_t>(bytes->length)) {
-    hist_stream(&m_buffer.buffer, &m_stream, ts_ms, 0, hist.get());
+    hist_stream(&m_buffer.buffer, &m_stream, ts_ms, m_period_s, hist.get());
     return;
   }
   if (bytes) krel_log(krel_error, "Failed to deserialize histogram: |%zu bytes|\n", bytes->length);
-  hist_stream_null(&m_buffer.buffer, &m_stream, ts_ms, 0);
+  hist_stream_null(&m_buffer.buffer, &m_stream, ts_ms, m_period_s);
 }
 
 // ---- the local read
 
 void read_local(raw_get_t *get) {
   const char *name = velmar_metric_locator_get_name_with_tags(get->locator.get());
-  const db::raw::raw_shard_factory_c *factory =
-      get->histogram ? rest_raw_mgr_get_histogram_factory() : rest_raw_mgr_get_numeric_factory();
+  const db::raw::raw_shard_factory_c *factory = get->factory();
   if (!factory)
     return get->fail(REST_SERVER_ERROR, fmt::format("not configured to store raw {} data", get->kind()));
   const metric_locator_sp canonical = be::raw::find_canonical_metric(get->locator);
@@ -188,8 +216,8 @@ void read_local(raw_get_t *get) {
 }
 
 void read_proxied(raw_get_t *get, const host_config *host) {
-  peer_request_t request = velmar_be_common::make_proxied_read(host, get->histogram ? "histogram_raw" : "raw",
-                                                               get->locator.get(), get->query);
+  peer_request_t request =
+      velmar_be_common::make_proxied_read(host, get->route(), get->locator.get(), get->query);
   tolv_proxy_buffer_t buffer;
   if (!buffer.perform("rest_raw_get", std::move(request))) {
     get->proxy_httpcode = buffer.get_httpcode() ? static_cast<int>(buffer.get_httpcode()) : 500;
@@ -225,12 +253,14 @@ int rest_raw_complete_get(krel_http_rest_closure_t *restc, int, char **) {
   return 0;
 }
 
-int rest_raw_get(krel_http_rest_closure_t *restc, char **pats, bool histogram) {
+int rest_raw_get(krel_http_rest_closure_t *restc, char **pats, bool histogram,
+                 const hist_rollup_config_t *rollup = nullptr) {
   krel_http_session_t *session = restc->http_ctx;
   krel_http_request_t *request = krel_http_session_request(session);
   auto get = std::make_unique<raw_get_t>();
   get->session = session;
   get->histogram = histogram;
+  get->rollup = rollup;
   get->proxied_to_me = rest_x_velmar_proxied_on(session);
   get->query = krel_http_request_orig_querystring(request);
   std::string error;
@@ -265,6 +295,22 @@ int rest_raw_get_numeric(krel_http_rest_closure_t *restc, int, char **pats) {
 }
 int rest_raw_get_histograms(krel_http_rest_closure_t *restc, int, char **pats) {
   return rest_raw_get(restc, pats, true);
+}
+
+int rest_hist_rollup_get(krel_http_rest_closure_t *restc, int, char **pats) {
+  uint64_t period = 0;
+  if (get_hist_rollup_configs().empty()) {
+    rest_req_error(restc->http_ctx, "this endpoint is disabled on legacy histogram databases");
+    return 0;
+  }
+  const hist_rollup_config_t *rollup = krel_parse_uint64(pats[0], &period) && period <= UINT32_MAX
+                                           ? hist_mgr_rollup_config(static_cast<unsigned>(period), nullptr)
+                                           : nullptr;
+  if (!rollup) {
+    rest_req_error(restc->http_ctx, "invalid period");
+    return 0;
+  }
+  return rest_raw_get(restc, pats + 1, true, rollup);
 }
 
 // ---- lists
@@ -337,4 +383,6 @@ void rest_raw_get_init() {
               0);
   krel_assert(krel_http_rest_register("GET", "/raw/", METRIC_PATH, rest_raw_get_numeric) == 0);
   krel_assert(krel_http_rest_register("GET", "/histogram_raw/", METRIC_PATH, rest_raw_get_histograms) == 0);
+  const std::string rollup_path = std::string("^([0-9]{1,10})/") + (METRIC_PATH + 1);
+  krel_assert(krel_http_rest_register("GET", "/histogram/", rollup_path.c_str(), rest_hist_rollup_get) == 0);
 }

@@ -97,6 +97,7 @@ raw_store_config_t read_raw_store_config(const char *element, const char *node_i
   read_durations(conf, element, &config.factory);
   check_fixed(conf, numeric);
   config.streaming_limit = read_streaming_limit(conf, config.streaming_limit);
+  conf.text("suppress_rollup_filter", &config.suppress_rollup_filter);
   const size_t at = location.find("{node}");
   if (at != std::string::npos) location.replace(at, 6, node_id);
   if (const auto code = util::io::mkdir_for_file(location + "/dummy"))

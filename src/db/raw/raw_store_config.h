@@ -12,6 +12,7 @@ struct raw_store_config_t {
   bool configured = false;             // it has a location
   raw_shard_factory_params_t factory;  // basedir, description and durations
   uint32_t streaming_limit = 10000;
+  std::string suppress_rollup_filter;  // a tag search; empty: none
 };
 
 // element: "raw_database" or "histogram_ingest". Makes the directory. A bad value is fatal.

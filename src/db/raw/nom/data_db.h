@@ -72,7 +72,7 @@ class data_db_c : public db::raw::raw_reader_asynch_c,
                     db::raw::nomdb_type_e kind);
 
   // ---- reading
-  std::unique_ptr<db::raw::raw_record_cursor_c> create_record_cursor(size_t family);
+  std::unique_ptr<db::raw::raw_record_cursor_c> create_record_cursor(size_t family, db::raw::cursor_use_e use);
   void find_asynch(const db::raw::raw_key_c &key, db::raw::raw_reader_seek_e seek,
                    db::raw::raw_iter_found_f found, void *closure) override;
   void next_asynch(db::raw::raw_iter_reader_asynch_c *reader) override;

@@ -18,8 +18,9 @@ class handle_c : public db::raw::raw_rollable_c {
   }
   void flush() override { m_db->flush(); }
   size_t get_num_families() const override { return m_db->get_num_column_families(); }
-  std::unique_ptr<db::raw::raw_record_cursor_c> create_record_cursor(size_t family) override {
-    return m_db->create_record_cursor(family);
+  std::unique_ptr<db::raw::raw_record_cursor_c> create_record_cursor(size_t family,
+                                                                     db::raw::cursor_use_e use) override {
+    return m_db->create_record_cursor(family, use);
   }
   data_db_c &get_data_db() { return *m_db; }
 

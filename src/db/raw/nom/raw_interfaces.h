@@ -149,14 +149,18 @@ class raw_reader_asynch_c {
 
 // ---- a shard's database
 
-// One family's whole records in key order, as they were when the cursor was made. Made for walks over all of
-// them: it reads ahead and leaves the cache of the readers alone. One thread; the database outlives it.
+// What a cursor is for: all records one after the other, read ahead, or one record of each metric.
+enum class cursor_use_e { all_records, metrics };
+
+// One family's whole records in key order, as they were when the cursor was made. It leaves the cache of the
+// readers alone. One thread; the database outlives it.
 class raw_record_cursor_c {
  public:
   virtual ~raw_record_cursor_c() = default;
   virtual void seek_to_first() = 0;
   virtual void seek(uint64_t surrogate_id) = 0;  // to the metric's first record, or to what follows it
   virtual void next() = 0;
+  virtual void skip_metric() = 0;     // behind the last record of the metric it stands on
   virtual bool is_valid() const = 0;  // false: at the end, or a read failed
   // Until the next move, of a valid cursor. Nothing is checked.
   virtual std::string_view get_key() const = 0;
@@ -176,7 +180,7 @@ class raw_rollable_c {
   // What was written is in table files when it returns.
   virtual void flush() = 0;
   virtual size_t get_num_families() const = 0;
-  virtual std::unique_ptr<raw_record_cursor_c> create_record_cursor(size_t family) = 0;
+  virtual std::unique_ptr<raw_record_cursor_c> create_record_cursor(size_t family, cursor_use_e use) = 0;
 };
 
 class raw_rollable_factory_c {

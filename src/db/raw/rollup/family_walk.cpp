@@ -2,6 +2,7 @@
 
 #include "db/raw/nom/nom_format.h"
 #include "db/raw/rollup/family_state.h"
+#include "db/raw/rollup/locator_window.h"
 #include "db/raw/rollup/rollup_data.h"
 #include "db/raw/rollup/rollup_hooks.h"
 #include "platform/krel/base/krel_log.h"
@@ -20,7 +21,8 @@ class family_walk_c {
         m_store(*pass.store),
         m_family(family),
         m_state(state),
-        m_cursor(pass.db->create_record_cursor(family)) {}
+        m_cursor(pass.db->create_record_cursor(family, cursor_use_e::all_records)),
+        m_locators(pass.store->lookup.get(), pass.db->create_record_cursor(family, cursor_use_e::metrics)) {}
   void run();
 
  private:
@@ -41,6 +43,7 @@ class family_walk_c {
   const size_t m_family;
   family_state_c *const m_state;
   const std::unique_ptr<raw_record_cursor_c> m_cursor;
+  locator_window_c m_locators;
   std::unique_ptr<rollup_data_c> m_data;
   uint64_t m_resume_at_surrogate_id = 0;
   bool m_has_metric = false;
@@ -160,7 +163,7 @@ void family_walk_c::go_to_metric(uint64_t surrogate_id) {
 
 // An id without a locator is no metric any more: it produces nothing.
 bool family_walk_c::store_metric() {
-  const metric_locator_sp locator = m_store.lookup->find_reverse(_surrogate_id);
+  const metric_locator_sp locator = m_locators.find(_surrogate_id);
   if (!locator) return true;
   bool stored = true;
   if (m_store.suppression && m_store.suppression->suppresses(locator))

@@ -29,7 +29,7 @@ class fake_db_c : public raw_rollable_c, public raw_writer_asynch_c, public raw_
   bool write_record(uint64_t, uint32_t, std::string_view, nomdb_type_e) override { return false; }
   void flush() override {}
   size_t get_num_families() const override { return 0; }
-  std::unique_ptr<raw_record_cursor_c> create_record_cursor(size_t) override { return nullptr; }
+  std::unique_ptr<raw_record_cursor_c> create_record_cursor(size_t, cursor_use_e) override { return nullptr; }
   void find_asynch(const raw_key_c &, raw_reader_seek_e, raw_iter_found_f found, void *closure) override {
     raw_error_reader_c none("nothing is read here");
     found(nullptr, &none, closure);

@@ -44,20 +44,26 @@ struct discard_closure_t : is_raw_write_closure_t {
 // Every id is a metric.
 class lookup_c : public db::surrogate::lookup_synch_c {
  public:
-  lookup_c() {
-    const uint8_t uuid[16] = {1};
-    m_locator = metric_locator_adopt(velmar_metric_locator_create(uuid, nullptr, METRIC_TYPE_NUMERIC));
-  }
   void for_each_surrogate(bool (*)(const metric_locator_sp &, void *), void *) override {}
   void for_each_activity(bool (*)(uint64_t, const oil_list_t *, void *), void *) override {}
   std::optional<uint64_t> find(const metric_locator_sp &) override { return {}; }
-  metric_locator_sp find_reverse(uint64_t) override { return m_locator; }
+  metric_locator_sp find_reverse(uint64_t id) override { return make(id); }
   uint64_t get_count_estimate() override { return 0; }
   std::pair<std::vector<metric_locator_sp>, std::vector<uint64_t>> batch_erase(
       std::span<const uint64_t>) override {
     return {};
   }
-  db::surrogate::batch_find_result_sp batch_find(std::span<const uint64_t>) override { return nullptr; }
+  db::surrogate::batch_find_result_sp batch_find(std::span<const uint64_t> ids) override {
+    struct page_t : db::surrogate::batch_find_result_t {
+      const std::vector<metric_locator_sp> &get_page_locators() const override { return locators; }
+      bool fill_next_page() override { return std::exchange(more, false); }
+      std::vector<metric_locator_sp> locators;
+      bool more = true;
+    };
+    const auto page = std::make_shared<page_t>();
+    for (const uint64_t id : ids) page->locators.push_back(make(id));
+    return page;
+  }
   db::surrogate::batch_find_result_sp batch_find(const std::vector<metric_locator_sp> &) override {
     return nullptr;
   }
@@ -65,7 +71,12 @@ class lookup_c : public db::surrogate::lookup_synch_c {
   void side_load_all_surrogates(const std::function<bool(const metric_locator_sp &)> &) override {}
 
  private:
-  metric_locator_sp m_locator;
+  static metric_locator_sp make(uint64_t id) {
+    const uint8_t uuid[16] = {1};
+    auto locator = metric_locator_adopt(velmar_metric_locator_create(uuid, nullptr, METRIC_TYPE_NUMERIC));
+    velmar_metric_locator_set_surrogate_id(locator.get(), id);
+    return locator;
+  }
 };
 
 class counting_target_c : public rollup_target_c {

@@ -48,7 +48,18 @@ class fake_lookup_c : public surrogate::lookup_synch_c {
     for (const uint64_t id : ids) metrics.erase(id);
     return {};
   }
-  surrogate::batch_find_result_sp batch_find(std::span<const uint64_t>) override { return nullptr; }
+  surrogate::batch_find_result_sp batch_find(std::span<const uint64_t> ids) override {
+    struct page_t : surrogate::batch_find_result_t {
+      const std::vector<metric_locator_sp> &get_page_locators() const override { return locators; }
+      bool fill_next_page() override { return std::exchange(more, false); }
+      std::vector<metric_locator_sp> locators;
+      bool more = true;
+    };
+    const auto page = std::make_shared<page_t>();
+    for (const uint64_t id : ids)
+      if (const auto locator = find_reverse(id)) page->locators.push_back(locator);
+    return page;
+  }
   surrogate::batch_find_result_sp batch_find(const std::vector<metric_locator_sp> &) override {
     return nullptr;
   }
