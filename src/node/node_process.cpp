@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "be/common/accept.h"
 #include "be/ingestion/rest_ingestion.h"
@@ -94,7 +96,6 @@ int refuse_missing_mode() {
   const char *mode = !settings.repair_tgt.empty()                                   ? "-r (repair)"
                      : !settings.merge_text.empty() || !settings.merge_hist.empty() ? "-m, -H (merge)"
                      : settings.reconstitute_mode                                   ? "-B (reconstitute)"
-                     : settings.rebuild_rollup                                      ? "-n (rollup rebuild)"
                      : settings.drain_journal_mode                                  ? "-j (journal drain)"
                                                                                     : nullptr;
   if (!mode) return 0;
@@ -163,6 +164,13 @@ int init_topology() {
   return 0;
 }
 
+std::vector<int> rollup_periods() {
+  std::vector<int> periods;
+  for (const rollup_config_t *config : nntbs_mgr_get_rollup_configs().configs)
+    periods.push_back(static_cast<int>(config->period));
+  return periods;
+}
+
 void init_stores() {
   init_private_nan();
   velmar_global_locators_init();
@@ -170,6 +178,7 @@ void init_stores() {
   db::ingestion::metric_validation_init();
   nntbs_mgr_init(settings.node_id.c_str(), settings.ephemeral, settings.reconstitute_mode);
   if (!settings.ephemeral) rest_raw_mgr_init(settings.node_id.c_str(), nntbs_mgr_get_rollup_configs());
+  replicate_mgr_set_rollups(rollup_periods());
   replicate_mgr_rest_init(settings.ephemeral, velmar_version());
 }
 
@@ -184,6 +193,28 @@ void init_routes() {
     rest_raw_merge_init();
   }
   replicate_mgr_register_web_ui();
+}
+
+// -n: makes a period of the numeric rollups anew out of a finer one, while the node serves nothing.
+int run_rebuild() {
+  krel_assert(!settings.ephemeral);
+  velmar_set_topology_expected(false);
+  velmar_stats_set_text("identity", settings.node_id.c_str());
+  init_private_nan();
+  velmar_global_locators_init();
+  velmar_global_db_init(settings.node_id.c_str(), false);
+  nntbs_mgr_init(settings.node_id.c_str(), false, false);
+  krel_log(krel_notice, "Rebuild Rollup Started!\n");
+  krel_ex_log(krel_notice, "building nntbs rollup: {}\n", settings.rebuild_rollup);
+  const bool generated = nntbs_generate_rollup(static_cast<unsigned>(settings.rebuild_rollup));
+  if (generated)
+    krel_ex_log(krel_notice, "successfully generated rollup: {}\n", settings.rebuild_rollup);
+  else
+    krel_ex_log(krel_error, "failed to generate rollup: {}\n", settings.rebuild_rollup);
+  nntbs_mgr_close();
+  velmar_global_db_close();
+  krel_log_go_synch();
+  return generated ? 0 : EXIT_FAILURE;
 }
 
 int child_main() {
@@ -202,6 +233,10 @@ int child_main() {
   velmar_global_rocksdb_init();
   if (const int status = check_standalone()) return status;
   init_framework();
+  if (settings.rebuild_rollup) {
+    krel_watchdog_disable_all();
+    return run_rebuild();
+  }
 
   rest_helper_init(settings.drain_journal_mode, settings.reject_nnt_puts);
   tolv_proxy_buffer_init_proxy_dir(velmar_global_get_local_state_dir());

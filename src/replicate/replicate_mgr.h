@@ -2,6 +2,7 @@
 // The topology files of a node and the routes that show and change them.
 
 #include <functional>
+#include <vector>
 
 // Loads the topologies and puts the configured pair in force. A nonzero result stops the start. At start, once.
 int replicate_mgr_init(const char *node_id);
@@ -12,6 +13,9 @@ int replicate_mgr_scandir();
 bool replicate_mgr_get_participating();
 // /state, /topology/..., /toporing/..., /locate/...
 void replicate_mgr_rest_init(bool ephemeral, const char *version);
+// The periods of the numeric rollups in seconds, ascending, for /state; none: a node without stores. Before the
+// routes.
+void replicate_mgr_set_rollups(std::vector<int> periods);
 // GET / with anything that no other rule takes: the files of the console.
 void replicate_mgr_register_web_ui();
 

@@ -1,5 +1,6 @@
 // GET /state, /topology/..., /toporing/..., /locate/...; POST /topology/....
 
+#include <fmt/format.h>
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
 #include <sys/resource.h>
@@ -25,6 +26,7 @@ constexpr size_t MAX_UPLOAD = 1024 * 1024;
 
 std::string version_text;
 std::function<replicate_mgr_lag_t()> lag_source;
+std::string rollups_text;  // members of /state, with a comma behind
 
 void answer_format(krel_http_session_t *session, bool json, const std::string &body) {
   krel_http_response_status_set(session, 200, "OK");
@@ -65,11 +67,11 @@ int replicate_mgr_rest_state(krel_http_rest_closure_t *restc, int, char **) {
   });
   rest_json_answer(
       restc->http_ctx, 200, "OK",
-      fmt::format("{{\"identity\":\"{}\",\"current\":\"{}\",\"next\":\"{}\",{},\"max_peer_lag\":{:f},\"avg_"
+      fmt::format("{{\"identity\":\"{}\",\"current\":\"{}\",\"next\":\"{}\",{}{},\"max_peer_lag\":{:f},\"avg_"
                   "peer_lag\":{:f},"
                   "\"features\":{{{}}},\"version\":{},\"application\":\"velmar\"}}\n",
-                  me, topo_signature(topo_active()), topo_signature(topo_next_active()), rusage_text(),
-                  lag.max_peer_lag, lag.avg_peer_lag, features, rest_json_quote(version_text)));
+                  me, topo_signature(topo_active()), topo_signature(topo_next_active()), rollups_text,
+                  rusage_text(), lag.max_peer_lag, lag.avg_peer_lag, features, rest_json_quote(version_text)));
   return 0;
 }
 
@@ -266,6 +268,11 @@ void add_rule(const char *method, const char *base, const char *expression, krel
 
 void replicate_mgr_set_lag_source(std::function<replicate_mgr_lag_t()> source) {
   lag_source = std::move(source);
+}
+
+void replicate_mgr_set_rollups(std::vector<int> periods) {
+  if (periods.empty()) return;
+  rollups_text = fmt::format("\"base_rollup\":{},\"rollups\":[{}],", periods.front(), fmt::join(periods, ","));
 }
 
 void replicate_mgr_rest_init(bool, const char *version) {
