@@ -7,15 +7,27 @@
 
 namespace velmar_be_common {
 
-const host_config *pick_best_system(const velmar_metric_locator_t *locator) {
+namespace {
+
+// The first owner that is this node, or is not; else the primary.
+const host_config *pick(const velmar_metric_locator_t *locator, bool local) {
   const topo_config *topology = topo_target();
   if (!topology) return nullptr;
   host_config *owners[TOPO_MAX_WRITE_COPIES];
   const int count = topo_find_insertion_point_config_locator(topology, locator, owners, 0);
   const topo_uuid_t me = topo_me();
   for (int i = 0; i < count; i++)
-    if (owners[i]->id == me) return owners[i];
+    if ((owners[i]->id == me) == local) return owners[i];
   return count ? owners[0] : nullptr;
+}
+
+}  // namespace
+
+const host_config *pick_best_system(const velmar_metric_locator_t *locator) {
+  return pick(locator, true);
+}
+const host_config *pick_best_system_prefer_remote(const velmar_metric_locator_t *locator) {
+  return pick(locator, false);
 }
 
 std::string escape_url(std::string_view text) {

@@ -15,6 +15,8 @@ constexpr const char *METRIC_PATH = "^([0-9a-fA-F]{4}(?:[0-9a-fA-F]{4}-){4}[0-9a
 
 // Whom a read asks: this node when it owns the metric, else the primary owner. Null: nobody is known.
 const host_config *pick_best_system(const velmar_metric_locator_t *locator);
+// The same for a read that this node can serve only in part: the first other owner, if there is one.
+const host_config *pick_best_system_prefer_remote(const velmar_metric_locator_t *locator);
 // A GET of "<host>/<route>/<uuid>/<name>[?<query>]"; `query` is encoded.
 peer_request_t make_read(const host_config *host, std::string_view route,
                          const velmar_metric_locator_t *locator, std::string_view query);

@@ -28,17 +28,27 @@ using namespace velmar_be_rollup;
 constexpr const char *LOCAL_JOBQ = "velmar_db_ranged_nnt", *PROXY_JOBQ = "velmar_rollup_proxy_get";
 constexpr uint64_t MAX_CELLS = 1'000'000;
 
+// A request from its checks to its answer.
+struct rollup_request_t {
+  krel_http_session_t *session;
+  parsed_params_c params;
+  metric_locator_sp locator;
+  data_type_e data_type;
+  const host_config *host;  // who answers
+  bool may_move = false;    // not sent on to here by another node
+  std::unique_ptr<rest_closure_c> read{};
+  bool has_ended = false;  // the job: it has an answer or an error
+
+  bool should_proxy() const;
+  void work();
+};
+
 class rest_get_data_c {
  public:
   void init();
   int rest_get(krel_http_rest_closure_t *restc, char **pats) const;
 
  private:
-  struct target_t {
-    bool local;
-    const host_config *host;  // null and not local: nobody
-  };
-  static target_t should_proxy(krel_http_session_t *session, const velmar_metric_locator_t *locator);
   bool find_data_type(krel_http_request_t *request, data_type_e *out) const;
   static metric_locator_sp find_locator(const char *uuid_text, const char *name, std::string *error);
 
@@ -52,20 +62,46 @@ rest_get_data_c &rest_get_data() {
   return instance;
 }
 
+// Some of the cells asked for are in a shard that is offline here.
+bool is_offline(const parsed_params_c &params) {
+  unsigned collapse = 0;
+  const uint64_t start_s = params.m_start / 1000;
+  const rollup_config_t *rollup = rollup_config_get_rollup_for_period(
+      nntbs_mgr_get_rollup_configs(), static_cast<unsigned>(params.m_rollup_span / 1000), &collapse, start_s);
+  return rollup && nntbs_shard_maintenance_is_offline(rollup->period, start_s, params.m_end / 1000);
+}
+
+// Whether another node is to answer, on the loop thread: by who owns the metric alone.
+bool rollup_request_t::should_proxy() const {
+  return host && host->id != topo_me();
+}
+
+// On the job. An owner whose shards are offline has another owner answer, if there is one.
+void rollup_request_t::work() {
+  if (!should_proxy() && may_move && is_offline(params))
+    host = velmar_be_common::pick_best_system_prefer_remote(locator.get());
+  if (should_proxy())
+    read = std::make_unique<rest_proxy_closure_c>(session, params, locator, data_type, host);
+  else
+    read = std::make_unique<rest_get_closure_c>(session, params, locator, data_type);
+  read->work();
+  has_ended = !read->is_broken();
+}
+
 int rest_get_data_asynch(krelev_event_t, int mask, void *closure, const struct timeval *) {
-  auto *read = static_cast<rest_closure_c *>(closure);
-  if (mask == KRELEV_ASYNCH_WORK) read->work();
+  auto *request = static_cast<rollup_request_t *>(closure);
+  if (mask == KRELEV_ASYNCH_WORK) request->work();
   if (mask == KRELEV_ASYNCH_COMPLETE) {
-    if (read->is_broken())
-      krel_http_session_fail(read->get_session());
+    if (request->has_ended)
+      krel_http_session_resume_after_float(request->session);
     else
-      krel_http_session_resume_after_float(read->get_session());
+      krel_http_session_fail(request->session);
   }
   return 0;
 }
 
 int write_out_response(krel_http_rest_closure_t *restc, int, char **) {
-  static_cast<rest_closure_c *>(restc->call_closure)->write_out_response();
+  static_cast<rollup_request_t *>(restc->call_closure)->read->write_out_response();
   return 0;
 }
 
@@ -116,14 +152,6 @@ metric_locator_sp rest_get_data_c::find_locator(const char *uuid_text, const cha
   return locator;
 }
 
-rest_get_data_c::target_t rest_get_data_c::should_proxy(krel_http_session_t *session,
-                                                        const velmar_metric_locator_t *locator) {
-  const host_config *host = velmar_be_common::pick_best_system(locator);
-  if (host && host->id == topo_me()) return {true, host};
-  // what was forwarded once goes no further
-  return {false, rest_x_velmar_proxied_on(session) ? nullptr : host};
-}
-
 int rest_get_data_c::rest_get(krel_http_rest_closure_t *restc, char **pats) const {
   krel_http_session_t *session = restc->http_ctx;
   krel_http_request_t *request = krel_http_session_request(session);
@@ -143,18 +171,16 @@ int rest_get_data_c::rest_get(krel_http_rest_closure_t *restc, char **pats) cons
   std::string error;
   const metric_locator_sp locator = find_locator(pats[0], pats[1], &error);
   if (!locator) return refuse(error);
-  const target_t target = should_proxy(session, locator.get());
-  if (!target.local && !target.host) return refuse("no acceptable system found");
-
-  std::unique_ptr<rest_closure_c> closure;
-  if (target.local)
-    closure = std::make_unique<rest_get_closure_c>(session, params, locator, data_type);
-  else
-    closure = std::make_unique<rest_proxy_closure_c>(session, params, locator, data_type, target.host);
-  restc->call_closure = closure.get();
-  restc->call_closure_free = [](void *read) { delete static_cast<rest_closure_c *>(read); };
+  const host_config *host = velmar_be_common::pick_best_system(locator.get());
+  auto get = std::make_unique<rollup_request_t>(rollup_request_t{session, params, locator, data_type, host});
+  const bool proxy = get->should_proxy();
+  get->may_move = !rest_x_velmar_proxied_on(session);
+  // what was sent on once goes no further
+  if (!host || (proxy && !get->may_move)) return refuse("no acceptable system found");
+  restc->call_closure = get.get();
+  restc->call_closure_free = [](void *closure) { delete static_cast<rollup_request_t *>(closure); };
   restc->fastpath = write_out_response;
-  velmar_http_go_asynch(target.local ? m_local_jobq : m_proxy_jobq, rest_get_data_asynch, closure.release(),
+  velmar_http_go_asynch(proxy ? m_proxy_jobq : m_local_jobq, rest_get_data_asynch, get.release(),
                         krel_http_session_connection(session));
   return 0;
 }
