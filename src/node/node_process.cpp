@@ -2,6 +2,7 @@
 
 #include "node/node_process.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +11,9 @@
 #include <vector>
 
 #include "be/common/accept.h"
+#include "be/graphite/graphite_listener.h"
+#include "be/graphite/rest_graphite_mgr.h"
+#include "be/graphite/rest_graphite_put.h"
 #include "be/ingestion/rest_ingestion.h"
 #include "be/nntbs/nntbs_mgr.h"
 #include "be/raw/raw_mgr.h"
@@ -191,8 +195,19 @@ void init_routes() {
     rest_raw_put_init();
     rest_raw_rollup_init();
     rest_raw_merge_init();
+    rest_graphite_mgr_init();
+    rest_graphite_put_init();
   }
+  graphite_listener_init(settings.ephemeral);
   replicate_mgr_register_web_ui();
+}
+
+// Databases and clients need many; the soft limit of a shell is for programs that use select().
+void raise_descriptor_limit() {
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // -n: makes a period of the numeric rollups anew out of a finer one, while the node serves nothing.
@@ -218,6 +233,7 @@ int run_rebuild() {
 }
 
 int child_main() {
+  raise_descriptor_limit();
   if (!load_config()) return EXIT_CONFIG;
   krel_ex_log(krel_notice, "Booting Velmar Node: Version '{}', Node ID '{}'\n", velmar_version(),
               settings.node_id.empty() ? "ephemeral" : settings.node_id);
@@ -250,6 +266,7 @@ int child_main() {
   krel_main_on_shutdown("numeric rollups", nntbs_mgr_close);
   krel_main_on_shutdown("raw stores", rest_raw_mgr_close);
   krel_main_on_shutdown("readers of rollups", rest_rollup_get_close);
+  krel_main_on_shutdown("graphite connections", graphite_listener_close);
   krel_main_on_shutdown("listeners", drain_requests);
   krel_listener_init(APP);
   krel_log(krel_notice, "Finish velmard initialization sequence\n");

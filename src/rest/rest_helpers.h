@@ -62,6 +62,7 @@ enum defer_t { NNTBS_DEFER = 0, TEXT_DEFER = 1, HIST_DEFER = 2, RAW_DEFER = 3, N
 // Reads //deferred_processing and //krelev/config/default_ca_chain; a bad value is fatal. Once, at start.
 void rest_helper_init(bool journal_only, bool reject_nnt_puts);
 bool rest_helper_rejects_nnt_puts();
+bool rest_helper_is_journal_only();
 // Where the node's average lag in seconds comes from; none means no lag.
 void rest_helper_set_latency_source(std::function<double()> source);
 bool rest_helper_is_deferment_active(defer_t type);

@@ -80,6 +80,9 @@ void rest_helper_init(bool journal_only, bool reject_nnt_puts) {
 bool rest_helper_rejects_nnt_puts() {
   return modes().reject_nnt_puts;
 }
+bool rest_helper_is_journal_only() {
+  return modes().journal_only;
+}
 void rest_helper_set_latency_source(std::function<double()> source) {
   modes().latency = std::move(source);
 }

@@ -19,11 +19,12 @@ VELMARD = os.path.join(BUILD, "velmard")
 TOPOLOGY = os.path.join(BUILD, "velmar-topology")
 WAIT_S = 60  # bound of every wait; reached only when something is broken
 CHECK = "c9b0e0f2-6a6e-4b53-9a62-3f6f3e6f1a11"
+GRAPHITE_CHECK = "5f0d3b1e-7c44-4a1b-9d3f-2b8e6a1c2003"  # of the listener in etc/velmar.conf
 
 
 def environment():
     env = {k: v for k, v in os.environ.items() if k.lower() != "http_proxy"}
-    env["VELMAR_PORT"] = "0"
+    env["VELMAR_PORT"] = env["VELMAR_GRAPHITE_PORT"] = "0"
     return env
 
 
@@ -63,7 +64,8 @@ class Answer:
 
 
 class Node:
-    """One node. `edit` changes the text of its configuration before the first start."""
+    """One node. `edit` changes the text of its configuration before the first start; a node of a cluster is given
+    its id and the topology."""
 
     def __init__(self, edit=None, node_id=None, topology=None):
         self.directory = tempfile.mkdtemp(prefix="velmar-node-")
@@ -79,7 +81,7 @@ class Node:
                             ("@WEB@", os.path.join(ROOT, "web"))):
             text = text.replace(mark, value)
         self.write_conf(edit(text) if edit else text)
-        self.process = self.port = None
+        self.process = self.port = self.graphite_port = None
         self.log_from = 0
 
     # ---- files
@@ -136,6 +138,8 @@ class Node:
             return len(ports) >= times and log.count("Finish velmard initialization sequence") >= times and ports[-1]
 
         self.port = int(wait_for(ready, "the start of " + self.directory))
+        graphite = re.findall(r"listening on 127\.0\.0\.1:(\d+) \(graphite\)", self.log())
+        self.graphite_port = int(graphite[-1]) if graphite else None
 
     def wait_end(self):
         try:
@@ -164,6 +168,10 @@ class Node:
 
     def socket(self):
         return socket.create_connection(("127.0.0.1", self.port), timeout=WAIT_S)
+
+    def graphite(self):
+        """A connection that takes lines."""
+        return socket.create_connection(("127.0.0.1", self.graphite_port), timeout=WAIT_S)
 
     def request(self, method, path, body=None, headers=None, connection=None):
         used = connection or self.connection()

@@ -52,7 +52,6 @@ class http_put_c {
 
  private:
   struct chunk_t;
-  friend struct chunk_t;
 
   static int go_on(krel_http_rest_closure_t *restc, int npats, char **pats);
   static int complete(krel_http_rest_closure_t *restc, int npats, char **pats);

@@ -156,6 +156,7 @@ void open_configured(const krel_conf_section_t &section) {
     krel_lock_c lock(listeners_lock);
     auto found = types.find(type);
     if (found == types.end()) krel_fatal("listener type \"%s\" is not known\n", type.c_str());
+    if (!found->second) return;
     if (ssl) krel_fatal("listener \"%s\": ssl is not to be had for this type\n", type.c_str());
     listener->accept = found->second;
   }

@@ -72,7 +72,8 @@ void krel_http_set_version(const char *version);                          // wha
 // A listener that cannot be opened is fatal and says why. `app` names the configuration's root.
 void krel_listener_init(const char *app);
 // Gets a connected non-blocking socket, which it owns, on the first loop's thread. `listener_config` is a
-// const krel_conf_section_t *, the <listener> element; it stays. Such a listener has no TLS.
+// const krel_conf_section_t *, the <listener> element; it stays. Such a listener has no TLS. A null callback:
+// listeners of that type are configuration for others to read and are not opened.
 using krel_accept_callback_t = void (*)(int fd, const std::string &peer, void *listener_config);
 void krel_listener_register_type(const char *type, krel_accept_callback_t accept);
 int krel_listener_port(int index);  // the port in force of the index-th listener; -1 when there is none
