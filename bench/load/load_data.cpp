@@ -83,6 +83,7 @@ void load_data_c::uuid_bytes(uint64_t series, uint8_t out[16]) const {
 }
 
 std::string load_data_c::uuid(uint64_t series) const {
+  if (is_graphite(m_options.form)) return m_options.check_uuid;
   uint8_t bytes[16];
   uuid_bytes(series, bytes);
   std::string text;

@@ -31,7 +31,7 @@ class load_data_c {
   kind_e kind(uint64_t series) const;
   void value(uint64_t series, uint64_t step, load_value_t *out) const;
 
-  // 36 characters; 64 neighbouring series share one.
+  // 36 characters; 64 neighbouring series share one, or all do in a form that names no check.
   std::string uuid(uint64_t series) const;
   void uuid_bytes(uint64_t series, uint8_t out[16]) const;
   std::string check_name(uint64_t series) const;   // without the uuid

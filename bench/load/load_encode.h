@@ -20,4 +20,5 @@ class load_encoder_c {
 // Names are worked out once, for the series in [first, first + count).
 std::unique_ptr<load_encoder_c> make_encoder(form_e form, const load_data_c &data, uint64_t first,
                                              uint64_t count);
+std::unique_ptr<load_encoder_c> make_graphite_encoder(const load_data_c &data, uint64_t first, uint64_t count);
 std::unique_ptr<load_encoder_c> make_text_encoder(const load_data_c &data, uint64_t first, uint64_t count);

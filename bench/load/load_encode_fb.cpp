@@ -163,5 +163,6 @@ std::unique_ptr<load_encoder_c> make_encoder(form_e form, const load_data_c &dat
                                              uint64_t count) {
   if (form == form_e::relay) return std::make_unique<relay_encoder_c>(data, first, count);
   if (form == form_e::dorn) return std::make_unique<dorn_encoder_c>(data, first, count);
-  return make_text_encoder(data, first, count);
+  if (form == form_e::text) return make_text_encoder(data, first, count);
+  return make_graphite_encoder(data, first, count);
 }

@@ -1,9 +1,9 @@
-#include <charconv>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "load_encode.h"
+#include "load_number.h"
 
 namespace {
 
@@ -38,23 +38,6 @@ char *base64(const uint8_t *in, size_t length, char *out) {
     *out++ = n > 2 ? digits[word & 63] : '=';
   }
   return out;
-}
-
-char *put_number(char *at, int64_t value) {
-  return std::to_chars(at, at + 24, value).ptr;
-}
-
-// A gauge in hundredths.
-char *put_hundredths(char *at, int64_t value) {
-  if (value < 0) {
-    *at++ = '-';
-    value = -value;
-  }
-  at = put_number(at, value / 100);
-  *at++ = '.';
-  *at++ = static_cast<char>('0' + value / 10 % 10);
-  *at++ = static_cast<char>('0' + value % 10);
-  return at;
 }
 
 class text_encoder_c : public load_encoder_c {
@@ -92,13 +75,7 @@ void text_encoder_c::add(uint64_t series, uint64_t step, uint64_t steps) {
     const bool is_histogram = m_value.kind == kind_e::histogram;
     memcpy(at, is_histogram ? "H1\t" : "M\t", 3);
     at += is_histogram ? 3 : 2;
-    const uint64_t ms = m_data.time_ms(step + i);
-    at = put_number(at, static_cast<int64_t>(ms / 1000));
-    if (ms % 1000) {
-      *at++ = '.';
-      for (const uint64_t digit : {ms / 100 % 10, ms / 10 % 10, ms % 10})
-        *at++ = static_cast<char>('0' + digit);
-    }
+    at = put_time(at, m_data.time_ms(step + i));
     memcpy(at, middle.data(), middle.size());
     at += middle.size();
     if (is_histogram) {

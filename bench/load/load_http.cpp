@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -16,6 +17,20 @@ namespace {
 constexpr int TIMEOUT_S = 120;
 constexpr size_t READ_SIZE = 65536;
 }  // namespace
+
+std::string url_escape(const std::string &text) {
+  std::string out;
+  char three[4];
+  for (const unsigned char c : text) {
+    if (isalnum(c) || c == '_' || c == '-' || c == '.') {
+      out += static_cast<char>(c);
+      continue;
+    }
+    snprintf(three, sizeof(three), "%%%02X", c);
+    out += three;
+  }
+  return out;
+}
 
 bool http_client_c::fail(const char *what) {
   m_error = errno ? std::string(what) + ": " + strerror(errno) : what;

@@ -4,6 +4,9 @@
 #include <string>
 #include <string_view>
 
+// For one part of a path.
+std::string url_escape(const std::string &text);
+
 struct http_answer_t {
   int status = 0;
   std::string body;

@@ -26,7 +26,11 @@ const char *const USAGE =
     "                       null (a gauge with every other sample missing), histogram\n"
     "                       (gauge=50,counter=25,integer=10,double=10,null=5)\n"
     "Sending:\n"
-    "  --form F             text, relay or dorn (text)\n"
+    "  --form F             text, relay, dorn, graphite (over TCP: it sends, closes, and waits until the last\n"
+    "                       samples can be read back) or graphite-http (text); the last two know neither\n"
+    "                       null nor histogram\n"
+    "  --graphite-port N    the node's listener for graphite lines (2003)\n"
+    "  --check UUID         check of all metrics of the graphite forms (the one of the shipped configuration)\n"
     "  --batch N            samples of a request (1000)\n"
     "  --per-metric N       consecutive samples of a metric within a batch (1)\n"
     "  --connections N      each has its own metrics and one request under way (4)\n"
@@ -54,6 +58,8 @@ enum option_e {
   ACCOUNT,
   MIX,
   FORM,
+  GRAPHITE_PORT,
+  CHECK,
   BATCH,
   PER_METRIC,
   CONNECTIONS,
@@ -76,6 +82,8 @@ const option OPTIONS[] = {{"url", 1, nullptr, URL},
                           {"account", 1, nullptr, ACCOUNT},
                           {"mix", 1, nullptr, MIX},
                           {"form", 1, nullptr, FORM},
+                          {"graphite-port", 1, nullptr, GRAPHITE_PORT},
+                          {"check", 1, nullptr, CHECK},
                           {"batch", 1, nullptr, BATCH},
                           {"per-metric", 1, nullptr, PER_METRIC},
                           {"connections", 1, nullptr, CONNECTIONS},
@@ -135,7 +143,7 @@ bool parse_mix(std::string_view text, load_options_t *o) {
 }
 
 bool parse_form(std::string_view text, form_e *form) {
-  for (const form_e f : {form_e::text, form_e::relay, form_e::dorn})
+  for (const form_e f : {form_e::text, form_e::relay, form_e::dorn, form_e::graphite, form_e::graphite_http})
     if (text == form_name(f)) {
       *form = f;
       return true;
@@ -165,6 +173,14 @@ bool set_option(int option, std::string_view text, load_options_t *o) {
       return parse_mix(text, o);
     case FORM:
       return parse_form(text, &o->form);
+    case GRAPHITE_PORT: {
+      uint16_t port;
+      o->graphite_port = text;
+      return number<uint16_t>(text, 1, 65535, &port);
+    }
+    case CHECK:
+      o->check_uuid = text;
+      return text.size() == 36;
     case BATCH:
       return number<uint64_t>(text, 1, 1000000, &o->batch);
     case PER_METRIC:
@@ -192,7 +208,8 @@ bool set_option(int option, std::string_view text, load_options_t *o) {
 }  // namespace
 
 const char *form_name(form_e form) {
-  return form == form_e::text ? "text" : form == form_e::relay ? "relay" : "dorn";
+  static const char *const names[] = {"text", "relay", "dorn", "graphite", "graphite-http"};
+  return names[static_cast<int>(form)];
 }
 
 const char *kind_name(int kind) {
@@ -200,6 +217,7 @@ const char *kind_name(int kind) {
 }
 
 std::optional<int> parse_options(int argc, char **argv, load_options_t *o) {
+  bool has_mix = false;
   for (int option, index = 0; (option = getopt_long(argc, argv, "", OPTIONS, &index)) != -1;) {
     if (option == HELP) {
       fputs(USAGE, stdout);
@@ -210,9 +228,14 @@ std::optional<int> parse_options(int argc, char **argv, load_options_t *o) {
       fprintf(stderr, "velmar-load: --%s does not take \"%s\"\n", OPTIONS[option - URL].name, optarg);
       return 2;
     }
+    has_mix |= option == MIX;
   }
+  uint32_t &nulls = o->shares[static_cast<int>(kind_e::null)];
+  if (is_graphite(o->form) && !has_mix) nulls = 0;
+  const bool unsendable = is_graphite(o->form) && nulls + o->shares[static_cast<int>(kind_e::histogram)] > 0;
   const char *wrong = optind < argc                ? "it takes options only"
                       : o->steps % o->per_metric   ? "--steps is no multiple of --per-metric"
+                      : unsendable                 ? "the graphite forms know neither null nor histogram"
                       : o->connections > o->series ? "there are more connections than series"
                                                    : nullptr;
   if (wrong) {

@@ -5,7 +5,10 @@
 #include <optional>
 #include <string>
 
-enum class form_e { text, relay, dorn };
+enum class form_e { text, relay, dorn, graphite, graphite_http };
+inline bool is_graphite(form_e form) {
+  return form >= form_e::graphite;
+}
 const char *form_name(form_e form);
 
 // What a series holds; the mix gives each kind a share of the series.
@@ -27,6 +30,7 @@ struct load_options_t {
   uint32_t connections = 4;
   double rate = 0;  // samples a second over all connections; 0: flat out
   form_e form = form_e::text;
+  std::string graphite_port = "2003", check_uuid = "5f0d3b1e-7c44-4a1b-9d3f-2b8e6a1c2003";
   // what is measured
   double verify = 0;  // share of the series that is read back, 0 to 1
   int pid = 0;

@@ -4,16 +4,17 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <thread>
 
 #include "load_encode.h"
-#include "load_http.h"
+#include "load_link.h"
 
 namespace {
 
 constexpr int GIVE_UP_AFTER = 20;  // failed requests in a row
 constexpr double RETRY_S = 0.1, PROGRESS_S = 0.5;
+
+}  // namespace
 
 void sleep_until(double when) {
   const double left = when - clock_s();
@@ -21,14 +22,6 @@ void sleep_until(double when) {
   const timespec t{static_cast<time_t>(left), static_cast<long>((left - std::floor(left)) * 1e9)};
   nanosleep(&t, nullptr);
 }
-
-// The number behind `"name": ` in a flat JSON object; -1 without one.
-int64_t field(const std::string &json, const char *name) {
-  const size_t at = json.find("\"" + std::string(name) + "\":");
-  return at == json.npos ? -1 : strtoll(json.c_str() + at + strlen(name) + 3, nullptr, 10);
-}
-
-}  // namespace
 
 double clock_s() {
   timespec t{};
@@ -61,7 +54,7 @@ bool load_sender_c::was_acknowledged(uint64_t series, uint64_t step) const {
   return false;
 }
 
-bool load_sender_c::send_batch(http_client_c *client, load_encoder_c *encoder, uint64_t from, uint64_t count,
+bool load_sender_c::send_batch(load_link_c *link, load_encoder_c *encoder, uint64_t from, uint64_t count,
                                double due, connection_result_t *result) {
   const uint64_t k = m_options.per_metric;
   encoder->begin();
@@ -72,34 +65,16 @@ bool load_sender_c::send_batch(http_client_c *client, load_encoder_c *encoder, u
     at += run;
   }
   const std::string_view body = encoder->end();
-  const std::string head = "POST /raw HTTP/1.1\r\nX-Velmar-Datapoints: " + std::to_string(count) +
-                           "\r\nContent-Type: " + encoder->content_type() +
-                           "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
-  http_answer_t answer;
   const double begin = due > 0 ? due : clock_s();
-  const bool answered = client->request(head, body, &answer);
+  const bool ok = link->send(body, count, result);
   result->latencies_us.push_back(static_cast<uint32_t>(std::min((clock_s() - begin) * 1e6, 4e9)));
   result->bytes += body.size();
-  if (!answered || answer.status != 200 || field(answer.body, "updated") < 0) {
-    if (result->first_error.empty())
-      result->first_error = answered ? std::to_string(answer.status) + " " + answer.body : client->error();
-    return false;
-  }
-  const auto positive = [&](const char *name) {
-    return static_cast<uint64_t>(std::max<int64_t>(field(answer.body, name), 0));
-  };
-  const uint64_t refused = positive("errors");
-  result->misdirected += positive("misdirected");
-  result->discarded += positive("discarded");
-  result->refused += refused;
-  result->acknowledged += positive("updated") + positive("misdirected");
-  if (refused && result->first_error.empty()) result->first_error = answer.body;
-  return refused == 0;
+  return ok;
 }
 
 void load_sender_c::send(connection_result_t *result) {
-  http_client_c client(m_options.host, m_options.port);
   const auto encoder = make_encoder(m_options.form, m_data, result->first_series, result->series);
+  const auto link = make_link(m_options, m_data, *result, encoder->content_type());
   const uint64_t total = result->series * m_options.steps;
   const double own_rate =
       m_options.rate * static_cast<double>(result->series) / static_cast<double>(m_options.series);
@@ -113,7 +88,7 @@ void load_sender_c::send(connection_result_t *result) {
             ? m_begin + (static_cast<double>(from) + turn * static_cast<double>(m_options.batch)) / own_rate
             : 0;
     sleep_until(due);
-    if (send_batch(&client, encoder.get(), from, count, due, result)) {
+    if (send_batch(link.get(), encoder.get(), from, count, due, result)) {
       failed_in_a_row = 0;
       continue;
     }
@@ -124,6 +99,12 @@ void load_sender_c::send(connection_result_t *result) {
       continue;
     }
     while ((from += m_options.batch) < total) result->failed_batches.push_back(++batch);
+  }
+  if (!link->finish(result)) {
+    result->failed_requests++;
+    result->acknowledged = 0;
+    result->failed_batches.clear();
+    for (uint64_t batch = 0; batch * m_options.batch < total; batch++) result->failed_batches.push_back(batch);
   }
   m_running--;
 }

@@ -35,7 +35,7 @@ class load_sender_c {
 
  private:
   void send(connection_result_t *result);
-  bool send_batch(class http_client_c *client, class load_encoder_c *encoder, uint64_t from, uint64_t count,
+  bool send_batch(class load_link_c *link, class load_encoder_c *encoder, uint64_t from, uint64_t count,
                   double due, connection_result_t *result);
   uint64_t batch_of(const connection_result_t &result, uint64_t series, uint64_t step) const;
 
@@ -48,3 +48,4 @@ class load_sender_c {
 
 // Seconds of a clock that only goes forward.
 double clock_s();
+void sleep_until(double when);

@@ -12,20 +12,6 @@ namespace {
 
 constexpr double HALF_OF_THE_LAST_DIGIT = 5.1e-7;  // the node writes doubles with six digits
 
-std::string escape(const std::string &text) {
-  std::string out;
-  char three[4];
-  for (const unsigned char c : text) {
-    if (isalnum(c) || c == '_' || c == '-' || c == '.') {
-      out += static_cast<char>(c);
-      continue;
-    }
-    snprintf(three, sizeof(three), "%%%02X", c);
-    out += three;
-  }
-  return out;
-}
-
 // The text of one sample's value as the node writes it, from `[time,value],[time,value],...`.
 class answer_reader_c {
  public:
@@ -64,8 +50,11 @@ std::string histogram_text(const load_value_t &value) {
 bool matches(const load_value_t &value, const std::string &got) {
   if (value.is_null) return got == "null";
   if (value.kind == kind_e::histogram) return got == histogram_text(value);
-  if (value.kind == kind_e::counter || value.kind == kind_e::integer)
-    return got == std::to_string(value.integer);
+  if (value.kind == kind_e::counter || value.kind == kind_e::integer) {
+    // the node writes a series of signed and unsigned numbers as doubles
+    const std::string text = std::to_string(value.integer);
+    return got == text || got == text + ".000000";
+  }
   char *end;
   const double read = strtod(got.c_str(), &end);
   const double sent = value.kind == kind_e::real ? value.real : static_cast<double>(value.integer) / 100;
@@ -101,7 +90,7 @@ void verifier_c::metric(uint64_t series) {
            static_cast<unsigned long long>(m_options.start_ms % 1000),
            static_cast<unsigned long long>(end_ms / 1000), static_cast<unsigned long long>(end_ms % 1000));
   const std::string path = std::string(is_histogram ? "/histogram_raw/" : "/raw/") + m_data.uuid(series) + "/" +
-                           escape(name) + range;
+                           url_escape(name) + range;
   http_answer_t answer;
   result.metrics++;
   if (m_client.request("GET " + path + " HTTP/1.1\r\n", "", &answer) && answer.status == 200)
