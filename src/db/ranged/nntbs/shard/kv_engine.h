@@ -55,6 +55,7 @@ class kv_env_c {
   virtual kv_status_t begin(bool writable, std::unique_ptr<kv_txn_c> *out) = 0;
   virtual map_t get_map() const = 0;
   virtual int sync() = 0;
+  virtual void log_growth(const std::string &path, uint64_t old_mib, uint64_t new_mib) const = 0;
 };
 
 constexpr const char *LMDB_DATA_FILE = "data.mdb", *MDBX_DATA_FILE = "mdbx.dat";

@@ -250,6 +250,11 @@ bool kv_rollup_shard_c::get_timestamp(uint64_t sid, bool first, uint64_t *ts) {
 // ---- growing
 
 void kv_rollup_shard_c::resize(uint64_t gen) {
+  {
+    // What is still to be written goes to disk while others read on, so that the sync below is a short one.
+    const rollup_io_shared_lock_c lock(m_anchor->_mutex);
+    if (m_env->is_open() && _resize_gen.load() == gen) m_env->sync();
+  }
   const rollup_io_lock_c lock(m_anchor->_mutex);
   if (!m_env->is_open()) return;
   const kv_env_c::map_t map = m_env->get_map();
@@ -278,9 +283,7 @@ void kv_rollup_shard_c::resize(uint64_t gen) {
                error.message().c_str());
   if (const kv_status_t status = open_env(path(), size); !status) fail(status.code);
   _resize_gen.fetch_add(1);
-  krel_log(krel_notice, "NNTBS %s Mapsize increased for %.*s. old: %lu MiB, new: %lu MiB\n", m_env->name(),
-           static_cast<int>(path().size()), path().data(), static_cast<unsigned long>(map.size >> 20),
-           static_cast<unsigned long>(size >> 20));
+  m_env->log_growth(path(), map.size >> 20, size >> 20);
 }
 
 // ---- modes and references

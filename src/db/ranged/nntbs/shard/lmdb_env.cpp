@@ -129,6 +129,10 @@ class lmdb_env_c final : public kv_env_c {
     return {info.me_mapsize, info.me_last_pgno + 1, m_page_size};
   }
   int sync() override { return mdb_env_sync(m_env, 1); }
+  void log_growth(const std::string &path, uint64_t old_mib, uint64_t new_mib) const override {
+    krel_log(krel_notice, "NNTBS LMDB Mapsize increased for %.*s. old: %lu MiB, new: %lu MiB\n",
+             static_cast<int>(path.size()), path.data(), old_mib, new_mib);
+  }
 
  private:
   kv_status_t open_steps(const std::string &directory, uint64_t map_size);

@@ -5,6 +5,7 @@
 #include "db/ranged/nntbs/shard/btree_file.h"
 #include "db/ranged/nntbs/shard/kv_engine.h"
 #include "db/ranged/nntbs/shard/nntbs_block.h"
+#include "platform/krel/base/krel_log.h"
 
 namespace db::ranged::nntbs {
 
@@ -128,6 +129,10 @@ class mdbx_env_c final : public kv_env_c {
   int sync() override {
     const int rc = mdbx_env_sync_ex(m_env, true, false);
     return rc == MDBX_RESULT_TRUE ? 0 : rc;  // there was nothing to write
+  }
+  void log_growth(const std::string &path, uint64_t old_mib, uint64_t new_mib) const override {
+    krel_ex_log(krel_notice, "{}: Map size increased for {}. old: {} MiB, new: {} MiB\n", "resize", path,
+                old_mib, new_mib);
   }
 
  private:

@@ -69,6 +69,19 @@ class SCOPED_CAPABILITY rollup_io_lock_c {
   rollup_io_mutex_c &m_mutex;
 };
 
+class SCOPED_CAPABILITY rollup_io_shared_lock_c {
+ public:
+  explicit rollup_io_shared_lock_c(rollup_io_mutex_c &mutex) ACQUIRE_SHARED(mutex) : m_mutex(mutex) {
+    m_mutex.lock_shared();
+  }
+  ~rollup_io_shared_lock_c() RELEASE_GENERIC() { m_mutex.unlock_shared(); }
+  rollup_io_shared_lock_c(const rollup_io_shared_lock_c &) = delete;
+  rollup_io_shared_lock_c &operator=(const rollup_io_shared_lock_c &) = delete;
+
+ private:
+  rollup_io_mutex_c &m_mutex;
+};
+
 // Seconds, by period; null: nobody counts.
 struct rollup_shard_latency_t {
   stats_handle_t *get = nullptr, *put = nullptr, *put_transactions = nullptr;

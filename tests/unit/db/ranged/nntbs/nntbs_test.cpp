@@ -205,7 +205,7 @@ TEST_P(nntbs, a_block_keeps_the_time_it_was_made) {
   spoil(B0, [](nntbs_block_t *block) { block->creation_ts = 12345; });
   ASSERT_EQ(store.put(B0, metric, 60, ramp(127)), 0);
   spoil(B0, [](nntbs_block_t *block) {
-    EXPECT_EQ(block->creation_ts, 12345U);
+    EXPECT_EQ(uint64_t{block->creation_ts}, 12345U);
     EXPECT_TRUE(block_is_sound(*block));
   });
 }

@@ -12,6 +12,7 @@
 #include "support/fake_clock.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
+#include "util/velmar_stats.h"
 
 namespace db::ranged::nntbs {
 namespace {
@@ -144,7 +145,14 @@ TEST_F(mgr, a_damaged_shard_is_offline_from_the_start) {
   ASSERT_TRUE(m.get_epoch(1, 60, &ts));
   EXPECT_EQ(ts, DAY + 60);
   m.delete_before(1, 60, UINT64_MAX);
+  m.open(DAY, 60).second->set_maintenance_mode(OFFLINE_PENDING);
+  m.open_or_create(2 * DAY, 60);
   m.report_shard_trigger();
+  const std::string stats = stats_recorder_output_json(velmar_stats_get_recorder(), true, false);
+  const std::string period = stats.substr(stats.find("\"60\":{"));
+  for (const char *kind : {"online", "offline", "corrupt"})
+    EXPECT_NE(period.find(std::string("\"shards`") + kind + "_shards\":1"), std::string::npos)
+        << period.substr(0, 500);
   m.close_all();
   EXPECT_EQ(fs::file_size(m_dir / "60_0-91440/data.mdb"), 5000U);
 }

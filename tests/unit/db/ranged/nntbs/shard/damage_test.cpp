@@ -193,7 +193,7 @@ TEST_P(damage_c, foreign_keys_and_values) {
     floor = 0;
     ASSERT_FALSE(txn->seek(METRICS + 1, &floor, &block));
     EXPECT_EQ(block.crc & 0xff, 7U);
-    EXPECT_EQ(block.datum[126].stddev, 0.0F);
+    EXPECT_EQ(float{block.datum[126].stddev}, 0.0F);
     EXPECT_FALSE(block_is_sound(block));
   }
   put({key.begin(), key.end()}, std::vector<uint8_t>(4079));

@@ -226,7 +226,9 @@ TEST_P(shard_c, a_resize_that_was_done_is_not_done_again) {
   b.join();
   EXPECT_EQ(shard->get_resize_gen(), gen + 1);
   EXPECT_TRUE(notice.contains("Mapsize already increased"));
-  EXPECT_TRUE(notice.contains("Mapsize increased for " + path() + ". old: 1 MiB, new: 8 MiB"));
+  EXPECT_TRUE(notice.contains((GetParam() == rollup_storage_e::lmdb ? "NNTBS LMDB Mapsize increased for "
+                                                                    : "resize: Map size increased for ") +
+                              path() + ". old: 1 MiB, new: 8 MiB"));
   EXPECT_TRUE(has_block(shard, 1, 9));
 }
 
