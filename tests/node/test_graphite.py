@@ -36,6 +36,11 @@ class Base(NodeTest):
         except AssertionError:
             self.assertEqual(self.samples(name), expected, name)
 
+    def wait_log(self, words):
+        """The log, once it holds the words: it is written by a thread of its own."""
+        wait_for(lambda: words in self.node.log(), "the log to say: " + words)
+        return self.node.log()
+
     def stat(self, name):
         return self.node.stat("be.graphite." + name)
 
@@ -91,8 +96,7 @@ class Tcp(Base):
         for i in range(len(bad)):
             self.wait_samples("between.%d" % i, [[self.now * 1000, i]])
         self.wait_samples("between.last", [[self.now * 1000, 1]])
-        log = wait_for(lambda: "listener: Failed to ingest 7 records\n" in self.node.log() and self.node.log(),
-                       "the listener's line")
+        log = self.wait_log("listener: Failed to ingest 7 records\n")
         for words in bad.values():
             self.assertIn("[error/graphite] ", next(l for l in log.splitlines() if words in l))
             self.assertIn("Invalid graphite record, " + words, log)
@@ -128,7 +132,7 @@ class Tcp(Base):
                 self.wait_samples("oversized." + name, [[self.now * 1000, 1]])
             s.sendall(noise.randbytes(1 << 20) + b"\n" * 200000 + b"garbage.after 1 %d\n" % self.now)
             self.wait_samples("garbage.after", [[self.now * 1000, 1]])
-        self.assertIn("a line of more than ", self.node.log())
+        self.wait_log("a line of more than ")
         before = resident_bytes(self.node.process.pid)
         sockets = [self.node.graphite() for _ in range(200)]
         for s in sockets:
@@ -249,7 +253,7 @@ class Http(Base):
         broken = self.post(gzip.compress(body)[:5000], Content_Encoding="gzip")
         self.assertEqual((broken.status, broken.reason, broken.text),
                          (400, "READ ERROR", '{ "error": "unable to read POST data" }'))
-        self.assertIn("READ error on POST data!!\n", self.node.log())
+        self.wait_log("READ error on POST data!!\n")
 
 
 class Life(Base):
