@@ -51,8 +51,17 @@ const char *const USAGE =
     "                         reconstitute one shard only\n"
     "  -S <node_uuid>         skip this node (repeatable)\n"
     "  -q                     do not start gossip\n"
+    "\nHelp with the configuration:\n"
+    "  --check                say everything that is wrong with the file of -c, and start nothing\n"
+    "  --keys                 every key, what it takes and does, as Markdown\n"
     "\nThis usage message:\n"
     "  -h\n";
+
+enum long_option_e { OPTION_CHECK = 256, OPTION_KEYS };
+constexpr option LONG_OPTIONS[] = {{"check", no_argument, nullptr, OPTION_CHECK},
+                                   {"keys", no_argument, nullptr, OPTION_KEYS},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {nullptr, 0, nullptr, 0}};
 
 class parser_c {
  public:
@@ -263,6 +272,11 @@ std::optional<int> parser_c::reconstitute_option(int flag, const char *argument)
 }
 
 std::optional<int> parser_c::option(int flag, const char *argument) {
+  if (flag == OPTION_CHECK || flag == OPTION_KEYS) {
+    (flag == OPTION_CHECK ? m_line->check_config : m_line->print_keys) = true;
+    krel_main_disable_log("notice");
+    return {};
+  }
   if (strchr("xmHIrjn", flag)) return standalone_option(flag, argument);
   if (strchr("BTOASs", flag)) return reconstitute_option(flag, argument);
   return process_option(flag, argument);
@@ -270,7 +284,7 @@ std::optional<int> parser_c::option(int flag, const char *argument) {
 
 std::optional<int> parser_c::check_combination() const {
   const command_line_t &l = *m_line;
-  if (l.proc_op == PROC_STOP || l.proc_op == PROC_STATUS) return {};
+  if (l.proc_op == PROC_STOP || l.proc_op == PROC_STATUS || l.check_config || l.print_keys) return {};
   const bool with_source = !l.reconstitute_topo.empty() || !l.reconstitute_remote_host.empty() ||
                            !l.reconstitute_enabled_types.empty() || !l.reconstitute_nodes_to_skip.empty();
   const bool repairs = !l.repair_tgt.empty(), merges_text = !l.merge_text.empty(),
@@ -301,7 +315,7 @@ void print_usage(const char *program, FILE *out, FILE *err) {
 std::optional<int> parse_clargs(int argc, char *const argv[], command_line_t *line, FILE *out, FILE *err) {
   parser_c parser(argv[0], line, out, err);
   optind = 0;
-  for (int flag; (flag = getopt(argc, argv, OPTIONS)) != -1;)
+  for (int flag; (flag = getopt_long(argc, argv, OPTIONS, LONG_OPTIONS, nullptr)) != -1;)
     if (const auto status = parser.option(flag, optarg)) return status;
   return parser.check_combination();
 }

@@ -37,6 +37,7 @@ struct command_line_t {
   std::string glider;
   std::string droptouser, droptogroup, chrootpath;
   std::string xpath;
+  bool check_config = false, print_keys = false;
   std::string repair_tgt;
   std::set<std::string> merge_text, merge_hist;  // at most 1024 files each
   uint64_t import_time_limit = 0;                // microseconds

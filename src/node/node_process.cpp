@@ -28,7 +28,9 @@
 #include "libvelmar/nnt/nnt_multitype.h"
 #include "libvelmar/topo/topo.h"
 #include "libvelmar/util/tolv_proxy_buffer.h"
+#include "node/config_check.h"
 #include "node/config_dump.h"
+#include "node/config_keys.h"
 #include "node/initialized_hook.h"
 #include "node/rest_stats.h"
 #include "node/version.h"
@@ -286,6 +288,8 @@ int velmard_run(const command_line_t &line) {
   settings = line;
   velmar_worker_pools_config();
   krel_watchdog_disable_asynch_core_dump();
+  if (settings.print_keys) return config_keys_write_markdown(stdout), 0;
+  if (settings.check_config) return config_check(settings.config_file, stdout);
   if (!settings.xpath.empty()) return config_dump(settings.config_file, settings.xpath);
   switch (settings.proc_op) {
     case PROC_START:

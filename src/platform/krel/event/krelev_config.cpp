@@ -105,6 +105,7 @@ void krelev_read_configuration(std::map<std::string, std::string> *keys) {
     std::string key = krel_conf_section_name(section);
     std::string value;
     krel_conf_get_string(section, ".", &value);
+    if (key == "default_ca_chain") continue;  // of connections to peers, not of events
     if (seen.insert(key).second) (*keys)[key] = value;
   }
 }
