@@ -26,7 +26,7 @@
 
 namespace {
 
-constexpr uint64_t SIZE_PERIOD_S = 60;
+constexpr uint64_t SIZE_PERIOD_S = 60, REOPEN_PERIOD_S = 60;
 
 struct store_t {
   db::raw::raw_store_config_t config;
@@ -44,7 +44,7 @@ struct queues_t {
 // Never destroyed: an exit that is no orderly stop finds jobs at work on them.
 store_t &numeric_store = *new store_t, &histogram_store = *new store_t;
 auto &numeric_targets = *new std::vector<std::unique_ptr<be::raw::numeric_rollup_target_c>>;
-auto &size_job = *new std::unique_ptr<periodic_job_c>;
+auto &size_job = *new std::unique_ptr<periodic_job_c>, &reopen_job = *new std::unique_ptr<periodic_job_c>;
 
 krelev_jobq_t *retrieve(const char *name) {
   krelev_jobq_t *jobq = krelev_jobq_retrieve(name);
@@ -159,6 +159,11 @@ void rest_raw_mgr_init(const char *node_id, const rollup_config_set_t &rollups) 
   velmar_register_feature("raw:store", "1");
   if (numeric_store.shards) raw_mgr_kickoff_asynch_sizing();
   open_histogram_store(node_id);
+  reopen_job = std::make_unique<periodic_job_c>(&tolv_timed_krel::factory_c::get_instance(),
+                                                run_on("shard_cache"), REOPEN_PERIOD_S, [] {
+                                                  for (store_t *store : {&numeric_store, &histogram_store})
+                                                    if (store->shards) store->shards->reopen_failed();
+                                                });
   mgr.surrogate_writer = velmar_global_surrogate_get_writer_asynch();
   mgr.numeric_writer = numeric_store.writer.get();
   mgr.histogram_writer = histogram_store.writer.get();
@@ -174,6 +179,7 @@ void rest_raw_mgr_init(const char *node_id, const rollup_config_set_t &rollups) 
 
 void rest_raw_mgr_close() {
   size_job.reset();
+  reopen_job.reset();
   for (store_t *store : {&numeric_store, &histogram_store})
     if (store->ctx) store->ctx->stop();
   hist_shard_mgr_close();

@@ -65,13 +65,29 @@ shard_sp raw_shard_factory_c::shard_create_private(uint64_t start_s, uint64_t en
     krel_log(
         krel_error,
         "Cannot open or create timeshard at: %s. Its samples cannot be read and none are taken for its time. "
-        "Restore the directory from a backup, or move it away to begin anew, then start the node again\n",
+        "Restore the directory from a backup, or move it away to begin anew: the node looks again every "
+        "minute\n",
         params.dir_name.c_str());
-    shard->request_maintenance_mode(OFFLINE_CORRUPTED, STORAGE_TIMEOUT);
+    shard->request_maintenance_mode(OFFLINE, STORAGE_TIMEOUT);
+    const krel_lock_c lock(m_failed_mutex);
+    m_failed.push_back(shard);
     return shard;
   }
   shard->start_timer();
   return shard;
+}
+
+void raw_shard_factory_c::reopen_failed() {
+  std::vector<std::shared_ptr<raw_shard_c>> failed;
+  {
+    const krel_lock_c lock(m_failed_mutex);
+    failed.swap(m_failed);
+  }
+  std::erase_if(failed, [](const auto &shard) {
+    return shard->maintenance_mode() != OFFLINE || shard->request_maintenance_mode(ONLINE, STORAGE_TIMEOUT).ok;
+  });
+  const krel_lock_c lock(m_failed_mutex);
+  m_failed.insert(m_failed.end(), failed.begin(), failed.end());
 }
 
 found_shard_t raw_shard_factory_c::find_shard_for(uint64_t ts_ms, open_type_e open_type) {

@@ -3,11 +3,13 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "db/raw/granule_adjust.h"
 #include "db/raw/raw_shard.h"
 #include "db/raw/raw_shard_cache.h"
 #include "db/raw/shard_metadata.h"
+#include "platform/krel/base/thread_annotations.h"
 
 namespace db::raw {
 
@@ -61,6 +63,10 @@ class raw_shard_factory_c {
   uint64_t get_suppressed_end_s() const;
   const std::string &get_basedir() const { return m_params.basedir; }
 
+  // Tries again to open the shards that could not be opened at the start: the disk may have been full, or the
+  // directory has been mended meanwhile. Now and then, on a thread that may block.
+  void reopen_failed();
+
   // Closes every database; the store takes and gives nothing afterwards. At the node's end.
   void close_all();
 
@@ -76,6 +82,8 @@ class raw_shard_factory_c {
   const shard_metadata_impl_c _metadata_read;
   raw_shard_cache_c _shard_cache;
   std::atomic<shard_manager_c *> _manager{nullptr};
+  krel_mutex_c m_failed_mutex;
+  std::vector<std::shared_ptr<raw_shard_c>> m_failed GUARDED_BY(m_failed_mutex);
 };
 
 }  // namespace db::raw

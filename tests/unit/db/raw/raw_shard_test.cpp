@@ -213,15 +213,24 @@ TEST_F(raw_shard, the_start_removes_what_was_being_deleted_and_opens_the_rest) {
   EXPECT_TRUE(std::filesystem::exists(dir.path() + "/160000000-1600604800"));
 }
 
-TEST_F(raw_shard, a_damaged_shard_stays_offline_and_the_others_serve) {
+TEST_F(raw_shard, a_damaged_shard_stays_offline_until_it_is_mended_and_the_others_serve) {
   make(NOW);
   make(NOW - DAY);
   factory.reset();
   dbs.content(path(NOW)).fails_to_open = true;
   open();
   EXPECT_EQ(factory->find_shard_for(NOW * 1000, CREATE_IF_MISSING).shard, nullptr);
-  EXPECT_EQ(factory->find_shard_for_ts_even_if_offline(NOW * 1000)->maintenance_mode(), OFFLINE_CORRUPTED);
+  EXPECT_EQ(factory->find_shard_for_ts_even_if_offline(NOW * 1000)->maintenance_mode(), OFFLINE);
   EXPECT_TRUE(factory->find_shard_for((NOW - DAY) * 1000, MUST_EXIST).shard);
+  factory->reopen_failed();
+  EXPECT_EQ(factory->find_shard_for(NOW * 1000, CREATE_IF_MISSING).shard, nullptr);
+  dbs.content(path(NOW)).fails_to_open = false;
+  factory->reopen_failed();
+  const auto shard = factory->find_shard_for(NOW * 1000, MUST_EXIST).shard;
+  ASSERT_TRUE(shard);
+  EXPECT_TRUE(shard->get_db());
+  factory->reopen_failed();
+  EXPECT_EQ(shard->maintenance_mode(), ONLINE);
 }
 
 TEST_F(raw_shard, is_dirty_on_disk_before_a_write_is_reported) {
