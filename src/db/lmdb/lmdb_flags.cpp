@@ -3,6 +3,7 @@
 #include <lmdb.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <string>
 
 #include "platform/krel/base/krel_log.h"
@@ -18,8 +19,9 @@ uint32_t velmar_db_lmdb_string_to_flags(std::string_view text) {
   uint32_t flags = 0;
   while (!text.empty()) {
     const size_t end = std::min(text.find_first_of(" ,|\t\n"), text.size());
-    const std::string word(text.substr(0, end));
+    std::string word(text.substr(0, end));
     text.remove_prefix(std::min(end + 1, text.size()));
+    if (strncasecmp(word.c_str(), "MDB_", 4) == 0) word.erase(0, 4);
     if (word.empty()) continue;
     bool known = false;
     for (const auto &n : NAMES)

@@ -16,25 +16,6 @@ constexpr std::chrono::milliseconds CLOSE_POLL{5};
 
 }  // namespace
 
-const char *shard_maintenance_mode_to_string(shard_maintenance_mode_e mode) {
-  switch (mode) {
-    case ONLINE:
-      return "ONLINE";
-    case OFFLINE_PENDING:
-      return "OFFLINE_PENDING";
-    case OFFLINE_RECONSTITUTE:
-      return "OFFLINE_RECONSTITUTE";
-    case OFFLINE:
-      return "OFFLINE";
-    case OFFLINE_CLOSED_PENDING_DELETE:
-      return "OFFLINE_CLOSED_PENDING_DELETE";
-    case OFFLINE_CORRUPTED:
-      return "OFFLINE_CORRUPTED";
-    default:
-      return "UNKNOWN_STATUS";
-  }
-}
-
 raw_shard_c::raw_shard_c(const raw_shard_params_t &params)
     : m_params(params),
       m_quiescent(params.dir_name, static_cast<uint64_t>(params.timer_factory->get_clock()->get_time_s())),

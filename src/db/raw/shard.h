@@ -9,21 +9,13 @@
 #include <memory>
 #include <string>
 
+#include "db/maintenance/shard_maintenance_mode.h"
 #include "db/raw/nom/raw_interfaces.h"
 #include "db/raw/nom_rollup_progress.h"
 
 namespace db::raw {
 
-enum shard_maintenance_mode_e {
-  ONLINE = 0,
-  OFFLINE_PENDING = 1,
-  OFFLINE_RECONSTITUTE = 2,
-  OFFLINE = 3,
-  OFFLINE_CLOSED_PENDING_DELETE = 4,
-  OFFLINE_CORRUPTED = 5,
-  UNKNOWN_STATUS = 6,
-};
-const char *shard_maintenance_mode_to_string(shard_maintenance_mode_e mode);
+using enum db::shard_maintenance_mode_e;
 
 // Which stage of rollup and delete a shard is in.
 enum in_manager_e {

@@ -257,19 +257,21 @@ TEST_F(mgr, state) {
   EXPECT_EQ(text.find("\"totalMb\": 0.000000"), std::string::npos);
 }
 
+rollup_shard_mgr_params_t read(const std::string &nntbs) {
+  krel_assert(krel_conf_load_text("<velmar>" + nntbs + "</velmar>", "test.conf"));
+  return read_rollup_shard_mgr_params("/x", {});
+}
+
 TEST_F(mgr, configuration) {
-  const auto read = [&](const std::string &nntbs) {
-    krel_assert(krel_conf_load_text("<velmar>" + nntbs + "</velmar>", "test.conf"));
-    return read_rollup_shard_mgr_params("/x", {});
-  };
-  log_capture_c notices("notice");
+  log_capture_c errors("error"), notices("notice");
   auto p = read(
-      "<nntbs minimum_shard_floor='5' shard_storage_type='mdbx' lmdb_flags='nometasync, NOTLS'>"
+      "<nntbs minimum_shard_floor='5' shard_storage_type='mdbx' lmdb_flags='nometasync, MDB_NOTLS|bogus'>"
       "<shard period='60' size='1d' retention='2d' initial_map_size='5000'/>"
       "<shard period='300' size='1s' initial_map_size='-1'/></nntbs>");
   EXPECT_EQ(p.minimum_shard_floor, 5U);
   EXPECT_EQ(p.storage, rollup_storage_e::mdbx);
   EXPECT_EQ(p.lmdb_flags, 0x240000U);
+  EXPECT_TRUE(errors.contains("LMDB flag bogus requested, but unknown. Ignoring"));
   EXPECT_EQ(p.periods[0].length_seconds, 91440U);
   EXPECT_EQ(p.periods[0].retention_length_seconds, 175260U);
   EXPECT_EQ(p.periods[0].initial_map_size, 8192U);
@@ -283,6 +285,9 @@ TEST_F(mgr, configuration) {
   EXPECT_EQ(p.periods[0].initial_map_size, 2U << 20);
   EXPECT_EQ(p.lmdb_flags, 0x1a10000U);
   EXPECT_EQ(p.storage, rollup_storage_e::lmdb);
+}
+
+TEST_F(mgr, a_configuration_that_ends_the_start) {
   EXPECT_DEATH(read("<nntbs/>"), "At least one NNTBS shard must be defined");
   EXPECT_DEATH(read("<nntbs><shard size='1d'/></nntbs>"), "could not find //nntbs/shards/@period parameter");
   for (const char *size : {"", "size='x'", "size='0s'", "size='60'", "size='100y'"})
