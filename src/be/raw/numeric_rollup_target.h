@@ -1,6 +1,8 @@
 #pragma once
 // Writes the cells of one period into the store of numeric rollups.
 
+#include <atomic>
+
 #include "db/raw/rollup/rollup_target.h"
 
 namespace be::raw {
@@ -17,6 +19,7 @@ class numeric_rollup_target_c : public db::raw::rollup_target_c {
 
  private:
   const unsigned m_period_s;
+  std::atomic<bool> m_dropped{false};  // the last cells met a shard that is offline
 };
 
 }  // namespace be::raw
