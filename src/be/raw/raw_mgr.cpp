@@ -1,5 +1,8 @@
 #include "be/raw/raw_mgr.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <memory>
@@ -27,6 +30,7 @@
 namespace {
 
 constexpr uint64_t SIZE_PERIOD_S = 60, REOPEN_PERIOD_S = 60;
+constexpr int FAMILY_NICENESS = 5;
 
 struct store_t {
   db::raw::raw_store_config_t config;
@@ -55,6 +59,16 @@ krelev_jobq_t *retrieve(const char *name) {
 db::raw::runner_f run_on(const char *name) {
   return
       [jobq = retrieve(name)](std::function<void()> function) { krelev_jobq_run(jobq, std::move(function)); };
+}
+
+// The queue's threads do nothing else, and yield to those that take and give samples.
+db::raw::runner_f run_families_on(const char *name) {
+  return [jobq = retrieve(name)](std::function<void()> job) {
+    krelev_jobq_run(jobq, [job = std::move(job)] {
+      setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), FAMILY_NICENESS);
+      job();
+    });
+  };
 }
 
 // False: the store is not configured. Its shards are still to be opened.
@@ -90,7 +104,7 @@ void start_store(store_t *store, const queues_t &queues, db::raw::rollup_store_t
   params.store = std::move(rollup);
   params.store.lookup = velmar_global_surrogate_get_lookup_synch();
   params.store.suppression = &store->suppression;
-  params.store.family_runner = run_on(queues.families);
+  params.store.family_runner = run_families_on(queues.families);
   params.store.stats = db::raw::rollup_stats(params.store.kind);
   store->ctx = std::make_unique<db::raw::ctx_c>(std::move(params));
   store->ctx->start();

@@ -131,76 +131,87 @@ TEST(rollup_crash, child) {
   scene.store->steps.run_all();
 }
 
-class rollup_crash_at : public testing::TestWithParam<std::tuple<nomdb_type_e, const char *>> {
- protected:
-  void fill(const std::string &directory) {
-    std::filesystem::create_directories(directory + "/store");
-    scene_t scene(directory, kind());
-    if (kind() == NUMERIC) {
+// Two shards of samples, and the cells of passes that nothing disturbs, without and with the late sample.
+struct prepared_t {
+  explicit prepared_t(nomdb_type_e of_kind) : kind(of_kind) {
+    std::filesystem::create_directories(dir / "filled/store");
+    fill(scene_t(dir / "filled", kind));
+    for (const bool late : {false, true}) {
+      const std::string directory = copy("undisturbed" + std::to_string(late));
+      {
+        scene_t scene(directory, kind);
+        if (late) scene.write_late();
+        scene.settle();
+      }
+      undisturbed[late] = read_cells(directory);
+    }
+    EXPECT_NE(undisturbed[0], undisturbed[1]);
+  }
+  void fill(const scene_t &scene) {
+    if (kind == NUMERIC) {
       for (const uint64_t from_s : {START, NOW}) scene.store->write(make_samples(from_s, from_s + DAY));
       return;
     }
-    for (uint64_t id = 1; id <= 40; id++)
+    for (const auto &[id, locator] : scene.lookup.metrics)
       for (uint64_t ts_s = START + id; ts_s < NOW + HOUR; ts_s += 600)
-        scene.store->write_histogram(scene.lookup.metrics[id], ts_s * 1000,
-                                     {1.0 * static_cast<double>(ts_s % 99)}, true);
+        scene.store->write_histogram(locator, ts_s * 1000, {1.0 * static_cast<double>(ts_s % 99)}, true);
   }
-  // What becomes of a child; the signal that ended it, 0 when it ended by itself.
-  static int run_child(const std::string &death) {
-    setenv(DEATH, death.c_str(), 1);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    for (const int fd : {STDOUT_FILENO, STDERR_FILENO})
-      posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_WRONLY, 0);
-    const char *const arguments[] = {"child", "--gtest_filter=rollup_crash.child", nullptr};
-    pid_t pid = 0;
-    const int failed =
-        posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, const_cast<char **>(arguments), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    unsetenv(DEATH);
-    EXPECT_EQ(failed, 0);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0);
-    return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  std::string copy(const std::string &name) const {
+    std::filesystem::remove_all(dir / name);
+    std::filesystem::copy(dir / "filled", dir / name, std::filesystem::copy_options::recursive);
+    return dir / name;
   }
-  nomdb_type_e kind() const { return std::get<0>(GetParam()); }
-  const char *step() const { return std::get<1>(GetParam()); }
+  static const prepared_t &of(nomdb_type_e kind) {
+    static const prepared_t numeric(NUMERIC), histogram(HISTOGRAM);
+    return kind == NUMERIC ? numeric : histogram;
+  }
 
+  const nomdb_type_e kind;
   const temp_dir_c dir;
+  std::map<std::string, std::string> undisturbed[2];
 };
 
+// What became of a child: the signal that ended it, 0 when it ended by itself.
+int run_child(const std::string &death) {
+  setenv(DEATH, death.c_str(), 1);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  for (const int fd : {STDOUT_FILENO, STDERR_FILENO})
+    posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_WRONLY, 0);
+  const char *const arguments[] = {"child", "--gtest_filter=rollup_crash.child", nullptr};
+  pid_t pid = 0;
+  const int failed =
+      posix_spawn(&pid, "/proc/self/exe", &actions, nullptr, const_cast<char **>(arguments), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  unsetenv(DEATH);
+  EXPECT_EQ(failed, 0);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0);
+  return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+}
+
+class rollup_crash_at : public testing::TestWithParam<std::tuple<nomdb_type_e, const char *>> {};
+
 TEST_P(rollup_crash_at, ends_in_the_same_cells) {
-  fill(dir / "filled");
-  std::map<std::string, std::string> undisturbed[2];
-  for (const bool late : {false, true}) {
-    const std::string directory = dir / ("undisturbed" + std::to_string(late));
-    std::filesystem::copy(dir / "filled", directory, std::filesystem::copy_options::recursive);
-    {
-      scene_t scene(directory, kind());
-      if (late) scene.write_late();
-      scene.settle();
-    }
-    undisturbed[late] = read_cells(directory);
-  }
-  ASSERT_NE(undisturbed[0], undisturbed[1]);
+  const auto [kind, step] = GetParam();
+  const prepared_t &prepared = prepared_t::of(kind);
   struct run_t {
     int time, late_at;
   };
   // the sample comes in the second family, behind its metric
   for (const auto &[time, late_at] : {run_t{0, -1}, run_t{0, 150}, run_t{9, 150}}) {
-    SCOPED_TRACE(fmt::format("{} {}, a sample at {}", step(), time, late_at));
-    const std::string directory = dir / fmt::format("{}_{}", time, late_at);
-    std::filesystem::copy(dir / "filled", directory, std::filesystem::copy_options::recursive);
+    SCOPED_TRACE(fmt::format("{} {}, a sample at {}", step, time, late_at));
+    const std::string directory = prepared.copy("disturbed");
     const int signal =
-        run_child(fmt::format("{} {} {} {} {}", directory, static_cast<int>(kind()), step(), time, late_at));
+        run_child(fmt::format("{} {} {} {} {}", directory, static_cast<int>(kind), step, time, late_at));
     ASSERT_TRUE(signal == SIGKILL || (time > 0 && signal == 0));
     {
-      scene_t scene(directory, kind());
+      scene_t scene(directory, kind);
       scene.settle();
     }
     const bool acknowledged = std::filesystem::exists(directory + "/acknowledged");
-    ASSERT_TRUE(read_cells(directory) == undisturbed[acknowledged]);
+    ASSERT_TRUE(read_cells(directory) == prepared.undisturbed[acknowledged]);
   }
 }
 

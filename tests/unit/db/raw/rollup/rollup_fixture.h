@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 #include <set>
+#include <thread>
 
 #include "db/raw/nom/factory.h"
 #include "db/raw/nom/nom_type.h"
@@ -156,6 +157,7 @@ struct store_options_t {
   std::string suppress = {};
   uint64_t oldest_retention_s = 0;
   uint64_t granularity_s = DAY;
+  bool family_threads = false;  // each family's job has a thread of its own
 };
 
 // One store on a directory, from its opening to its close.
@@ -192,11 +194,16 @@ class store_c {
     ctx_params.store.suppression = &m_suppression;
     ctx_params.store.oldest_retention_s = [oldest = options.oldest_retention_s] { return oldest; };
     if (options.kind == HISTOGRAM) ctx_params.store.forwarding_path = dir;
+    if (options.family_threads)
+      ctx_params.store.family_runner = [this](std::function<void()> job) {
+        m_threads.emplace_back(std::move(job));
+      };
     ctx = std::make_unique<ctx_c>(std::move(ctx_params));
     ctx->start();
   }
   ~store_c() {
     ctx->stop();
+    for (std::thread &thread : m_threads) thread.join();
     factory->close_all();
     ctx.reset();
     factory.reset();
@@ -257,6 +264,7 @@ class store_c {
   const char *deferral = nullptr;
 
  private:
+  std::vector<std::thread> m_threads;
   const rollup_suppression_c m_suppression;
   velmar_db_admin_rocksdb_types_t m_types;
   velmar_db_admin_rocksdb_manager_t m_manager;

@@ -64,6 +64,21 @@ TEST_F(rollup_pass, gives_the_cells_of_the_plain_rule_in_every_period) {
   EXPECT_EQ(minutes.calls, 40U);
 }
 
+TEST_F(rollup_pass, families_run_side_by_side_while_samples_arrive) {
+  open({.family_threads = true});
+  auto samples = make_samples(START, NOW);
+  store->write(samples);
+  store->write({nom_sample_t::of_int32(1, NOW * 1000, 1)});  // the shard that samples are carried to
+  std::atomic<bool> stop{false};
+  std::thread writer([&] {
+    for (uint64_t id = 41; !stop; id++) store->write({nom_sample_t::of_int32(id, START * 1000, 1)});
+  });
+  store->roll_up(START);
+  stop = true;
+  writer.join();
+  expect_all_cells(samples);
+}
+
 TEST_F(rollup_pass, carries_the_last_sample_so_that_rates_span_shards) {
   auto samples = make_samples(START, NOW, 2);
   const auto second = make_samples(NOW, NOW + DAY, 3);
