@@ -233,6 +233,10 @@ void ctx_c::shard_deleted(uint64_t start_s, uint64_t end_s) {
   const uint64_t preceding_s = preceding_start_s(start_s, end_s);
   for (size_t family = 0; !path.empty() && family < 8; family++)
     unlink(cumulative_forwarding_path(path, preceding_s, family).c_str());
+  clean_rollup_suppressed_metrics();
+}
+
+void ctx_c::clean_rollup_suppressed_metrics() {
   if (!m_suppressed_metrics.has_filter()) return;
   const uint64_t end_seconds = m_params.factory->get_suppressed_end_s();
   if (end_seconds == 0) return;

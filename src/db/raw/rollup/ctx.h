@@ -45,6 +45,10 @@ class ctx_c : public shard_manager_c {
   // Rolls the shard of that second up with what is in it now, samples that still arrive or not.
   force_rollup_e force_rollup(uint64_t ts_s);
 
+  // Deletes the names of metrics whose rollups are suppressed and whose last samples are gone, on the cleanup
+  // runner. After each delete of a shard, and when somebody asks.
+  void clean_rollup_suppressed_metrics();
+
   // Ends the pass under way, which goes on after the next start, and takes no more. Blocks until it has ended.
   void stop();
 
