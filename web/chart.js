@@ -58,7 +58,7 @@ export function drawChart(svg, caption, points, start, end) {
     element(svg, 'line', { class: 'grid', x1: MARGIN.left, x2: width - MARGIN.right, y1: y(level), y2: y(level) });
     element(svg, 'text', { class: 'axis', x: MARGIN.left - 6, y: y(level) + 4, 'text-anchor': 'end' }, formatNumber(level));
   }
-  const marks = Math.max(2, Math.min(8, Math.floor(width / 110)));
+  const marks = Math.max(1, Math.min(8, Math.floor((width - MARGIN.left - MARGIN.right) / 130)));
   for (let i = 0; i <= marks; i++) {
     const time = start + (span * i) / marks;
     const anchor = i === 0 ? 'start' : i === marks ? 'end' : 'middle';

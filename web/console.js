@@ -109,7 +109,7 @@ async function refresh() {
     tile('Samples a second', perSecond(ingested), ingested);
     tile('Reads a second', perSecond(reads), reads);
     tile('Metrics seen since the start', formatNumber(sumOf(stats, 'be`raw`known_metrics', '')));
-    tile('Memory, peak', `${formatNumber(Math.round(state['rusage.maxrss'] / 1024))} MiB`);
+    tile('Memory and mapped files, peak', `${formatNumber(Math.round(state['rusage.maxrss'] / 1024))} MiB`);
     tile('Requests under way', formatNumber(capa.requests_in_flight));
     tile('Up for', duration(sumOf(stats, 'uptime', '')));
     showQueues(capa);
