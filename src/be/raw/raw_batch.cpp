@@ -73,16 +73,16 @@ std::optional<batch_add_e> raw_batch_add_known(raw_batch_t *batch, known_metrics
 
 batch_add_e raw_batch_add_unknown(raw_batch_t *batch, const metric_name_t &name, std::string_view text,
                                   uint64_t time_ms, const dorn_record_m_value_t &value, uint16_t generation) {
-  if (text.empty()) return batch_add_e::bad_name;  // nobody could ask for it
   batch_numeric_t numeric;
   mem_reader_t reader;
   mem_reader_init_mem(&reader, text.data(), text.size());
   numeric.locator = metric_locator_adopt(
       velmar_metric_locator_create_full(name.account_id, METRIC_TYPE_NUMERIC, name.uuid, &reader));
   if (!numeric.locator) return batch_add_e::bad_name;
-  numeric.is_local = numeric.needs_surrogate = rest_raw_mgr_is_local(numeric.locator.get());
   const std::string_view canonical(velmar_metric_locator_get_name_with_tags(numeric.locator.get()),
                                    velmar_metric_locator_get_name_len_with_tags(numeric.locator.get()));
+  if (canonical.empty()) return batch_add_e::bad_name;  // nobody could ask for it
+  numeric.is_local = numeric.needs_surrogate = rest_raw_mgr_is_local(numeric.locator.get());
   if (numeric.is_local && (name.form != name_form_e::metric || canonical != name.name))
     batch->names_as_sent.push_back(
         {static_cast<uint32_t>(batch->numerics.size()), name.form, std::string(name.name)});
@@ -104,6 +104,7 @@ void raw_batch_drop_last(raw_batch_t *batch) {
 
 batch_add_e raw_batch_add_histogram(raw_batch_t *batch, const metric_locator_sp &locator, uint64_t time_ms,
                                     hist_ptr histogram, bool cumulative) {
+  if (velmar_metric_locator_get_name_len_with_tags(locator.get()) == 0) return batch_add_e::bad_name;
   if (!batch->histograms) batch->histograms = std::make_unique<histogram_data_t>();
   add_materialized_histogram_to_list(batch->histograms.get(), time_ms, locator.get(), std::move(histogram),
                                      cumulative, nullptr);

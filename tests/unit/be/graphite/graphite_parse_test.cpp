@@ -53,15 +53,15 @@ TEST_F(graphite_parse, a_bad_line_costs_itself_alone) {
   const std::string long_name(4096, 'n');
   parse(at_now("first 1") + "nothing\n" + at_now(long_name + " 1") + "one 1\n" + "old 1 100\n" +
         "new 1 99999999999\n" + at_now("word word") + at_now("huge 1e999") + at_now("tags;a=b|ST[c:d] 1") +
-        at_now(" 1") + at_now("bad\x01name 1") + "\n" + at_now("last 2.5"));
+        at_now(" 1") + at_now(";no_tag 1") + at_now("bad\x01name 1") + "\n" + at_now("last 2.5"));
   ASSERT_EQ(batch.size(), 2U);
   EXPECT_EQ(name(0), "first");
   EXPECT_EQ(name(1), "last");
   EXPECT_EQ(batch.samples[1].ts_ms, now_s * 1000);
   EXPECT_EQ(batch.samples[1].type, 'n');
-  EXPECT_EQ(counters.processed, 13U);
+  EXPECT_EQ(counters.processed, 14U);
   EXPECT_EQ(counters.discarded, 2U);
-  EXPECT_EQ(counters.errors, 9U);
+  EXPECT_EQ(counters.errors, 10U);
   const std::string time = std::to_string(now_s), bad = "Invalid graphite record, ";
   EXPECT_THAT(log.lines(), ElementsAre(bad + "can't find the first space or tab in: nothing",
                                        bad + "metric name too long: " + long_name.substr(0, 1000),
@@ -72,6 +72,7 @@ TEST_F(graphite_parse, a_bad_line_costs_itself_alone) {
                                        bad + "strtod cannot parse value: huge 1e999 " + time,
                                        "Invalid graphite record: cannot parse metric name \"tags;a=b|ST[c:d]\"",
                                        "Invalid graphite record: cannot parse metric name \"\"",
+                                       "Invalid graphite record: cannot parse metric name \";no_tag\"",
                                        "Invalid graphite record: cannot parse metric name \"bad\\x01name\"",
                                        bad + "can't find the first space or tab in: "));
 }
